@@ -1,0 +1,9 @@
+// Umbrella header: everything public of the ringrec library.
+#ifndef RINGREC_RINGREC_H
+#define RINGREC_RINGREC_H
+
+#include <ringrec/records.h>
+#include <ringrec/fs_io.h>
+#include <ringrec/fs_db.h>
+
+#endif

@@ -1,0 +1,119 @@
+// ringrec: the command-line tool. One binary, subcommands, only the library's API.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "command.h"
+
+namespace tool {
+
+namespace {
+std::vector<command>& registry() {
+  static std::vector<command> r;
+  return r;
+}
+
+void help(FILE* out) {
+  fprintf(out,
+          "usage: ringrec [--root DIR] COMMAND [ARGS]\n"
+          "  --root DIR   use the simulated board in DIR (or set RINGREC_ROOT)\n\ncommands:\n");
+  for (const command& c : registry()) fprintf(out, "  %s\n", c.usage);
+}
+}  // namespace
+
+bool add_command(const command& c) {
+  registry().push_back(c);
+  return true;
+}
+
+bool take_option(std::vector<std::string>& args, const std::string& name, std::string* value) {
+  for (size_t i = 0; i < args.size(); i++) {
+    if (args[i] == name && i + 1 < args.size()) {
+      *value = args[i + 1];
+      args.erase(args.begin() + static_cast<long>(i), args.begin() + static_cast<long>(i) + 2);
+      return true;
+    }
+    if (args[i].compare(0, name.size() + 1, name + "=") == 0) {
+      *value = args[i].substr(name.size() + 1);
+      args.erase(args.begin() + static_cast<long>(i));
+      return true;
+    }
+  }
+  return false;
+}
+
+std::vector<std::string> take_options(std::vector<std::string>& args, const std::string& name) {
+  std::vector<std::string> out;
+  std::string v;
+  while (take_option(args, name, &v)) out.push_back(v);
+  return out;
+}
+
+bool take_flag(std::vector<std::string>& args, const std::string& name) {
+  for (size_t i = 0; i < args.size(); i++) {
+    if (args[i] == name) {
+      args.erase(args.begin() + static_cast<long>(i));
+      return true;
+    }
+  }
+  return false;
+}
+
+int usage_error(const std::string& cmd, const std::string& msg) {
+  fprintf(stderr, "ringrec: %s\n", msg.c_str());
+  for (const command& c : registry())
+    if (cmd == c.name) fprintf(stderr, "usage: ringrec %s\n", c.usage);
+  return 2;
+}
+
+int fail(const std::string& msg) {
+  fprintf(stderr, "ringrec: %s\n", msg.c_str());
+  return 1;
+}
+
+void progress(const char* what, double done, double total) {
+  if (!isatty(2) || total <= 0) return;
+  int width = 40;
+  double f = done / total;
+  if (f > 1) f = 1;
+  int fill = static_cast<int>(f * width);
+  fprintf(stderr, "\r%-12s [%.*s%*s] %3d%%", what, fill,
+          "########################################", width - fill, "",
+          static_cast<int>(f * 100));
+  fflush(stderr);
+}
+
+void progress_end() {
+  if (isatty(2)) fprintf(stderr, "\n");
+}
+
+}  // namespace tool
+
+int main(int argc, char** argv) {
+  std::vector<std::string> args(argv + 1, argv + argc);
+  std::string root;
+  if (tool::take_option(args, "--root", &root)) setenv("RINGREC_ROOT", root.c_str(), 1);
+  if (args.empty() || args[0] == "help" || args[0] == "--help" || args[0] == "-h") {
+    tool::help(args.empty() ? stderr : stdout);
+    return args.empty() ? 2 : 0;
+  }
+  // Two-word commands ("sim create") first, then one-word ones.
+  for (int words = 2; words >= 1; words--) {
+    if (static_cast<int>(args.size()) < words) continue;
+    std::string name = args[0];
+    if (words == 2) name += " " + args[1];
+    for (const tool::command& c : tool::registry()) {
+      if (name == c.name) {
+        std::vector<std::string> rest(args.begin() + words, args.end());
+        return c.fn(rest);
+      }
+    }
+  }
+  fprintf(stderr, "ringrec: unknown command '%s'\n", args[0].c_str());
+  tool::help(stderr);
+  return 2;
+}
