@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# The main job: builds ringrec, then on a simulated recorder in a temporary directory
+# formats two disks, records a few minutes of several channels, and shows the disk
+# report and the volume listing. Given a real disk or image (tools/demo.sh /dev/sdX),
+# it only reads it: its volume information and listing.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+top=$PWD
+command -v cmake >/dev/null && command -v g++ >/dev/null || {
+  sudo=""; [ "$(id -u)" -eq 0 ] || sudo=sudo
+  $sudo apt-get update -qq && DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq cmake g++ >/dev/null
+}
+cmake -S "$top" -B "$top/out/demo" -DCMAKE_BUILD_TYPE=Release -DRINGREC_TESTS=OFF >/dev/null
+cmake --build "$top/out/demo" -j "$(nproc)" -- --no-print-directory >/dev/null
+rr="$top/out/demo/ringrec"
+
+if [ $# -gt 0 ]; then
+  "$rr" info "$1"
+  "$rr" ls "$1"
+  exit 0
+fi
+
+board=$(mktemp -d /tmp/ringrec-board-XXXXXX)
+trap 'rm -rf "$board"' EXIT
+set -x
+"$rr" sim create "$board" --disks 2 --size 2G --usb sdc
+"$rr" --root "$board" format sda
+"$rr" --root "$board" format sdb
+if "$rr" help | grep -q ' record '; then
+  "$rr" --root "$board" record --channels 4 --from "2026-11-22 09:58:00" --minutes 4
+  "$rr" --root "$board" disks
+fi
+"$rr" --root "$board" info sda
+"$rr" --root "$board" ls sda
