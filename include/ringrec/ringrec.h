@@ -5,5 +5,7 @@
 #include <ringrec/records.h>
 #include <ringrec/fs_io.h>
 #include <ringrec/fs_db.h>
+#include <ringrec/fs_mp4.h>
+#include <ringrec/audio.h>
 
 #endif
