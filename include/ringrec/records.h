@@ -101,4 +101,145 @@ static_assert(offsetof(entry_t, size) == 64, "entry_t.size");
 static_assert(offsetof(entry_t, time) == 68, "entry_t.time");
 static_assert(offsetof(entry_t, payload) == 72, "entry_t.payload");
 
+#pragma pack(push, 1)
+
+// Header of every stored block in a minute entry's data, 288 bytes (72 words). The
+// block's data follows, then an 8-byte tail {0xFFFFEDCB, size}, so the next block
+// starts 296 + size bytes later and a reader can also walk backwards.
+//   off word field
+//     0    0 sync      0x1234
+//     4    1 magic     time ^ size
+//     8    2 type      frame blocks: the capture side's type; 4 motion record,
+//                      8 event log, 9 LQ key-frame index, 10 HQ key-frame index
+//    12    3 time      seconds
+//    16    4 time2     a second time word of the capture side
+//    20    5 stream    0/1 both streams, 2 main (HQ), 3 substream (LQ)
+//    24    6 size      data bytes after the header
+//    28    7 frames    frames in the block (words per channel row in a motion record)
+//    32    8 types     bit n: a frame of type n is inside; 0x001|0x800 key frames;
+//                      index records 0x4000 (HQ) / 0x2000 (LQ)
+//    36    9 w9        capture side
+//    40   10 events    event bits (motion record: channels that saw motion)
+//    44   11 w11       capture side
+//    48   12 w12       capture side
+//    52   13 count[59] frames of channel ch in the block, words 13..71
+struct head_t {
+  uint32_t sync;
+  uint32_t magic;
+  uint32_t type;
+  int32_t time;
+  uint32_t time2;
+  uint32_t stream;
+  int32_t size;
+  uint32_t frames;
+  uint32_t types;
+  uint32_t w9;
+  uint32_t events;
+  uint32_t w11;
+  uint32_t w12;
+  int32_t count[59];
+};
+
+// Header of one frame inside a frame block, 44 bytes (11 words); the frame's data
+// follows and the next frame starts 44 + len bytes later.
+//   off word field
+//     0    0 type      0 H.264 key, 1 H.264 other, 11 H.265 key, 12 H.265 other,
+//                      2 audio; 23 and above invalid
+//     4    1 ch        channel
+//     8    2 width     video; audio: format (2 = linear PCM, else ADPCM)
+//    12    3 height    video; audio: sample rate
+//    16    4 fps       video frame rate
+//    20    5 w5        capture side
+//    24    6 w6        capture side
+//    28    7 stream    stream number (0 main, 1 substream)
+//    32    8 w8        capture side
+//    36    9 size      data length as handed to exporters
+//    40   10 len       data length in bytes
+struct frame_head_t {
+  uint32_t type;
+  uint32_t ch;
+  uint32_t width;
+  uint32_t height;
+  uint32_t fps;
+  uint32_t w5;
+  uint32_t w6;
+  uint32_t stream;
+  uint32_t w8;
+  uint32_t size;
+  uint32_t len;
+};
+
+// One key-frame record, 16 bytes; the unit of the key-frame index records.
+//   off size field
+//     0    8 offset    the block's head in the minute entry's data
+//     8    4 events    the block's event bits (head word 10)
+//    12    4 time      the block's time (head word 3)
+struct frame_info_t {
+  int64_t offset;
+  uint32_t events;
+  int32_t time;
+};
+
+// One row of a minute's event log, 96 bytes (24 words): one 5-second slot. Bit n of a
+// mask is channel n.
+//   off size field
+//     0    4 Record    OR of head word 10 of the blocks written in the slot
+//     4    4 Vloss     video loss
+//     8    4 Motion
+//    12    4 Sensor    alarm inputs
+//    16   16 mask[4]   four further masks reported by the recorder
+//    32   64 zero[16]
+struct event_t {
+  uint32_t Record;
+  uint32_t Vloss;
+  uint32_t Motion;
+  uint32_t Sensor;
+  uint32_t mask[4];
+  uint32_t zero[16];
+};
+
+#pragma pack(pop)
+
+static_assert(sizeof(head_t) == 288, "head_t is 288 bytes");
+static_assert(offsetof(head_t, sync) == 0, "head_t.sync");
+static_assert(offsetof(head_t, magic) == 4, "head_t.magic");
+static_assert(offsetof(head_t, type) == 8, "head_t.type");
+static_assert(offsetof(head_t, time) == 12, "head_t.time");
+static_assert(offsetof(head_t, time2) == 16, "head_t.time2");
+static_assert(offsetof(head_t, stream) == 20, "head_t.stream");
+static_assert(offsetof(head_t, size) == 24, "head_t.size");
+static_assert(offsetof(head_t, frames) == 28, "head_t.frames");
+static_assert(offsetof(head_t, types) == 32, "head_t.types");
+static_assert(offsetof(head_t, w9) == 36, "head_t.w9");
+static_assert(offsetof(head_t, events) == 40, "head_t.events");
+static_assert(offsetof(head_t, w11) == 44, "head_t.w11");
+static_assert(offsetof(head_t, w12) == 48, "head_t.w12");
+static_assert(offsetof(head_t, count) == 52, "head_t.count");
+
+static_assert(sizeof(frame_head_t) == 44, "frame_head_t is 44 bytes");
+static_assert(offsetof(frame_head_t, type) == 0, "frame_head_t.type");
+static_assert(offsetof(frame_head_t, ch) == 4, "frame_head_t.ch");
+static_assert(offsetof(frame_head_t, width) == 8, "frame_head_t.width");
+static_assert(offsetof(frame_head_t, height) == 12, "frame_head_t.height");
+static_assert(offsetof(frame_head_t, fps) == 16, "frame_head_t.fps");
+static_assert(offsetof(frame_head_t, w5) == 20, "frame_head_t.w5");
+static_assert(offsetof(frame_head_t, w6) == 24, "frame_head_t.w6");
+static_assert(offsetof(frame_head_t, stream) == 28, "frame_head_t.stream");
+static_assert(offsetof(frame_head_t, w8) == 32, "frame_head_t.w8");
+static_assert(offsetof(frame_head_t, size) == 36, "frame_head_t.size");
+static_assert(offsetof(frame_head_t, len) == 40, "frame_head_t.len");
+
+static_assert(sizeof(frame_info_t) == 16, "frame_info_t is 16 bytes");
+static_assert(offsetof(frame_info_t, offset) == 0, "frame_info_t.offset");
+static_assert(offsetof(frame_info_t, events) == 8, "frame_info_t.events");
+static_assert(offsetof(frame_info_t, time) == 12, "frame_info_t.time");
+
+static_assert(sizeof(event_t) == 96, "event_t is 96 bytes");
+static_assert(offsetof(event_t, Record) == 0, "event_t.Record");
+static_assert(offsetof(event_t, Vloss) == 4, "event_t.Vloss");
+static_assert(offsetof(event_t, Motion) == 8, "event_t.Motion");
+static_assert(offsetof(event_t, Sensor) == 12, "event_t.Sensor");
+static_assert(offsetof(event_t, mask) == 16, "event_t.mask");
+static_assert(offsetof(event_t, zero) == 32, "event_t.zero");
+
 #endif

@@ -7,5 +7,6 @@
 #include <ringrec/fs_db.h>
 #include <ringrec/fs_mp4.h>
 #include <ringrec/audio.h>
+#include <ringrec/fs_app.h>
 
 #endif

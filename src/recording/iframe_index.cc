@@ -1,0 +1,165 @@
+// The key-frame index of a minute: two stored blocks appended after its last frame
+// block, HQ first and LQ last, so that the LQ record ends at the entry's size.
+//   record  type  word 8   payload
+//   HQ        10  0x4000   frame_info_t of the main stream's key frames
+//   LQ         9  0x2000   frame_info_t of the substream's key frames
+// Indexes of an earlier layout hold 8-byte offsets and carry 0x400 (HQ) / 0x200 (LQ).
+#include <ringrec/fs_app.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "runtime/runtime.h"
+
+namespace {
+
+const uint32_t kTailSync = 0xFFFFEDCB;
+const int kOverhead = sizeof(head_t) + 8;  // 296
+
+// Grows a table to hold n entries of `size` bytes; false when memory runs out.
+template <typename T>
+bool grow(T*& tab, int32_t& cap, int n) {
+  if (n <= cap) return true;
+  void* p = realloc(tab, static_cast<size_t>(n) * sizeof(T));
+  if (p == nullptr) return false;
+  tab = static_cast<T*>(p);
+  cap = n;
+  return true;
+}
+
+}  // namespace
+
+int fs_app::writeback_Iframe_info(fs_db* db) {
+  pthread_mutex_lock(&iframe_mutex);
+  for (int pass = 0; pass < 2; pass++) {
+    std::vector<frame_info_t>& v = pass == 0 ? iframe_hq : iframe_lq;
+    int n = static_cast<int>(v.size() * sizeof(frame_info_t)) & ~15;
+    if (iframe_buf == nullptr || n > iframe_cap) {
+      void* p = realloc(iframe_buf, static_cast<size_t>(n + kOverhead));
+      if (p == nullptr) {
+        pthread_mutex_unlock(&iframe_mutex);
+        return -2;
+      }
+      iframe_buf = static_cast<unsigned char*>(p);
+      iframe_cap = n;
+    }
+    head_t h;
+    memset(&h, 0, sizeof h);
+    h.sync = 0x1234;
+    h.type = pass == 0 ? 10 : 9;
+    h.time = static_cast<int32_t>(fs_time());
+    h.size = n;
+    h.magic = static_cast<uint32_t>(h.time) ^ static_cast<uint32_t>(n);
+    h.types = pass == 0 ? 0x4000 : 0x2000;
+    uint32_t tail[2] = {kTailSync, static_cast<uint32_t>(n)};
+    memcpy(iframe_buf, &h, sizeof h);
+    if (n > 0) memcpy(iframe_buf + sizeof h, v.data(), static_cast<size_t>(n));
+    memcpy(iframe_buf + sizeof h + n, tail, sizeof tail);
+    if (db->d_write(min_e, min_e.size, n + kOverhead, iframe_buf) != 0) {
+      if (pass == 0)
+        fs_log("writeback_Iframe_info", 4876, "Write HQ Data Failed....\n");
+      else
+        fs_log("writeback_Iframe_info", 4913, "Write LQ Data Failed....\n");
+      pthread_mutex_unlock(&iframe_mutex);
+      return -2;
+    }
+    v.clear();
+  }
+  pthread_mutex_unlock(&iframe_mutex);
+  return 0;
+}
+
+namespace {
+
+// Reads the tail ending at `end` and the head before it. The sizes come from the disk,
+// so a record that would start before the data or extend past `end` is treated as
+// unreadable rather than followed.
+bool read_record(fs_db* db, entry_t& e, int end, head_t& h, int& size, const char* fn,
+                 int tail_line, int head_line) {
+  int32_t tail[2] = {0, 0};
+  if (end < 8 || db->d_read(e, end - 8, 8, tail) != 0) {
+    fs_log(fn, tail_line, "Read tail file fail.\n");
+    return false;
+  }
+  size = tail[1];
+  long long at = static_cast<long long>(end) - 8 - size - static_cast<long long>(sizeof(head_t));
+  if (size < 0 || at < 0 || db->d_read(e, static_cast<int>(at), sizeof h, &h) != 0) {
+    fs_log(fn, head_line, "Read head file fail.\n");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void fs_app::read_Iframe_info(fs_db* db, int dir) {
+  r_iframe_t& lq = r_iframe[0];
+  r_iframe_t& hq = r_iframe[1];
+  if (db == nullptr) {
+    lq.count = hq.count = 0;
+    return;
+  }
+  entry_t& e = r_cur.min;
+  int S = e.size;
+  head_t h;
+  int size = 0;
+  if (!read_record(db, e, S, h, size, "read_Iframe_info", 1734, 1741)) {
+    lq.count = hq.count = 0;
+    return;
+  }
+  if (h.type != 9) return;
+  int data = S - 8 - size;  // payload lies just before the tail
+  if (h.types == 0x200) {
+    int n = size / 8;
+    if (!grow(lq.offs, lq.offs_cap, n) || db->d_read(e, data, n * 8, lq.offs) != 0) {
+      fs_log("read_Iframe_info", 1769, "Read LQ data fail.\n");
+      lq.count = hq.count = 0;
+      return;
+    }
+    lq.kind = 9;
+    lq.count = n;
+  } else if (h.types == 0x2000) {
+    int n = size / 16;
+    if (!grow(lq.infos, lq.infos_cap, n) || db->d_read(e, data, n * 16, lq.infos) != 0) {
+      lq.count = hq.count = 0;
+      return;
+    }
+    lq.kind = 13;
+    lq.count = n;
+  } else {
+    return;
+  }
+  lq.pos = dir < 0 ? lq.count - 1 : 0;
+  if (lq.kind == 13 && lq.count > 0) lq.time = lq.infos[lq.pos].time;
+
+  // The HQ record ends where the LQ record begins.
+  int hq_end = S - kOverhead - size;
+  if (!read_record(db, e, hq_end, h, size, "read_Iframe_info", 1819, 1825) || h.type != 10) {
+    hq.count = 0;
+    return;
+  }
+  data = hq_end - 8 - size;
+  if (h.types == 0x400) {
+    int n = size / 8;
+    if (!grow(hq.offs, hq.offs_cap, n) || db->d_read(e, data, n * 8, hq.offs) != 0) {
+      fs_log("read_Iframe_info", 1852, "Read HQ data fail.\n");
+      hq.count = 0;
+      return;
+    }
+    hq.kind = 10;
+    hq.count = n;
+  } else if (h.types == 0x4000) {
+    int n = size / 16;
+    if (!grow(hq.infos, hq.infos_cap, n) || db->d_read(e, data, n * 16, hq.infos) != 0) {
+      fs_log("read_Iframe_info", 1876, "Read HQ data fail.\n");
+      hq.count = 0;
+      return;
+    }
+    hq.kind = 14;
+    hq.count = n;
+  } else {
+    hq.count = 0;
+    return;
+  }
+  hq.pos = dir < 0 ? hq.count - 1 : 0;
+  if (hq.kind == 14 && hq.count > 0) hq.time = hq.infos[hq.pos].time;
+}
