@@ -134,10 +134,16 @@ int run_format(const std::vector<std::string>& argv) {
                 " bytes; a volume needs at least 16 MiB");
   }
   int r = db.format();
+  long long ring = db.sb.size;
   db.close();
   if (r != 0) return fail("format of " + argv[0] + " failed (see the messages above)");
-  printf("%s: formatted, data area %lld MB\n", argv[0].c_str(), db.sb.size >> 20);
+  printf("%s: formatted, data area %lld MB\n", argv[0].c_str(), ring >> 20);
   return 0;
+}
+
+int root_count(fs_db& db) {
+  entryX_t x;
+  return db.x_read(0, x) == 0 ? x.num : -1;
 }
 
 struct volume_info {
@@ -174,7 +180,8 @@ int run_info(const std::vector<std::string>& argv) {
            "\"total\":%lld,\"free\":%lld,\"total_mb\":%lld,\"free_mb\":%lld,\"hours\":%d,"
            "\"first\":%d,\"last\":%d,\"error\":%d,\"state\":\"%s\"}\n",
            args[0].c_str(), v.sb.key, v.sb.ctime, date(v.sb.ctime).c_str(), v.sb.flag,
-           mode_word(v.sb.flag), sz, head, tail, v.total, v.free_, v.total >> 20, v.free_ >> 20,
+           mode_word(v.sb.flag), static_cast<long long>(sz), static_cast<long long>(head),
+           static_cast<long long>(tail), v.total, v.free_, v.total >> 20, v.free_ >> 20,
            v.entries, v.first, v.last, v.err, err_word(v.err));
     return 0;
   }
@@ -191,11 +198,6 @@ int run_info(const std::vector<std::string>& argv) {
   printf("last:      %s\n", v.last > 0 ? date(v.last).c_str() : "nothing recorded");
   printf("error:     %d (%s)\n", v.err, err_word(v.err));
   return 0;
-}
-
-int root_count(fs_db& db) {
-  entryX_t x;
-  return db.x_read(0, x) == 0 ? x.num : -1;
 }
 
 int run_check(const std::vector<std::string>& argv) {
@@ -237,6 +239,8 @@ int run_ls(const std::vector<std::string>& argv) {
     if (db.io->fd < 0) return fail("cannot open " + argv[0]);
     return no_volume(argv[0]);
   }
+  int hours = root_count(db);
+  printf("%s: %d hour entries\n", argv[0].c_str(), hours);
   to_stdout([&] { db.print(); });
   db.close();
   return 0;
