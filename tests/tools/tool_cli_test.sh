@@ -1,0 +1,60 @@
+#!/usr/bin/env bash
+# Usage: tool_cli_test.sh RINGREC [EMULATOR...]
+set -u
+rr_bin=$1
+emu=${2:-}
+rr() { $emu "$rr_bin" "$@"; }
+dir=$(mktemp -d /tmp/ringrec-cli-XXXXXX)
+trap 'rm -rf "$dir"' EXIT
+failures=0
+check() {  # check NAME EXPECTED_STATUS COMMAND...
+  local name=$1 want=$2; shift 2
+  "$@" >"$dir/out" 2>"$dir/err"
+  local got=$?
+  if [ "$got" != "$want" ]; then
+    echo "FAIL $name: exit $got, wanted $want"; cat "$dir/out" "$dir/err"; failures=$((failures + 1))
+  fi
+}
+has() {  # has NAME FILE TEXT
+  grep -qF -- "$3" "$dir/$2" || { echo "FAIL $1: no '$3' in $2"; cat "$dir/$2"; failures=$((failures + 1)); }
+}
+
+b=$dir/board
+check sim-create 0 rr sim create "$b" --disks 2 --size 64M --usb sdc
+[ -s "$b/dev/sda" ] || [ -f "$b/dev/sda" ] || { echo "FAIL: no image"; failures=$((failures + 1)); }
+has partitions-list board/proc/partitions "sdc"
+
+check info-unformatted 1 rr --root "$b" info sda
+has info-unformatted err "format sda"
+
+check format 0 rr --root "$b" format sda
+has format out "data area 52 MB"
+check info-json 0 rr --root "$b" info sda --json
+has info-json out '"mode":"OVWR"'
+has info-json out '"data_size":54525952'
+has info-json out '"total_mb":64'
+has info-json out '"first":0'
+
+check check 0 rr --root "$b" check sda
+has check out "consistent, 0 hour entries"
+has check err "CHKDSK DONE"
+
+check ls 0 rr --root "$b" ls sda
+has ls out "0 hour entries"
+
+# An image path outside any board works without --root; the disk name does not.
+cp --sparse=always "$b/dev/sda" "$dir/copy.img"
+check info-image 0 rr info "$dir/copy.img"
+has info-image out "mode:      OVWR"
+check name-without-board 1 rr info sda
+
+check missing 1 rr info "$dir/nothing.img"
+has missing err "no such file"
+truncate -s 12M "$dir/small.img"
+check too-small 1 rr format "$dir/small.img"
+has too-small err "too small"
+check usage 2 rr info
+check unknown 2 rr frobnicate
+
+[ $failures -eq 0 ] && echo "tool_cli: all passed"
+exit $failures
