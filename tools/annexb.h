@@ -81,6 +81,127 @@ inline std::vector<frame> split(const std::string& s, bool hevc) {
   return out;
 }
 
+// Reads the picture size from a sequence parameter set (unit without start code): the
+// coded size less the cropping window. False when the unit is too short to tell.
+class bits {
+ public:
+  explicit bits(const std::string& unit) {
+    // Drop emulation prevention bytes (00 00 03 -> 00 00).
+    for (size_t i = 0, z = 0; i < unit.size(); i++) {
+      unsigned char c = static_cast<unsigned char>(unit[i]);
+      if (z >= 2 && c == 3) {
+        z = 0;
+        continue;
+      }
+      z = c == 0 ? z + 1 : 0;
+      rbsp_ += static_cast<char>(c);
+    }
+  }
+  unsigned u(int n) {
+    unsigned v = 0;
+    while (n--) {
+      if (pos_ >= rbsp_.size() * 8) {
+        bad_ = true;
+        return 0;
+      }
+      v = (v << 1) | ((static_cast<unsigned char>(rbsp_[pos_ / 8]) >> (7 - pos_ % 8)) & 1);
+      pos_++;
+    }
+    return v;
+  }
+  unsigned ue() {
+    int zeros = 0;
+    while (!bad_ && u(1) == 0 && zeros < 32) zeros++;
+    return zeros >= 32 ? (bad_ = true, 0) : (1u << zeros) - 1 + u(zeros);
+  }
+  int se() {
+    unsigned v = ue();
+    return v & 1 ? static_cast<int>((v + 1) / 2) : -static_cast<int>(v / 2);
+  }
+  bool bad() const { return bad_; }
+
+ private:
+  std::string rbsp_;
+  size_t pos_ = 0;
+  bool bad_ = false;
+};
+
+inline bool avc_size(const std::string& sps, unsigned& w, unsigned& h) {
+  bits b(sps);
+  b.u(8);
+  unsigned profile = b.u(8);
+  b.u(16);
+  b.ue();
+  unsigned chroma = 1;
+  if (profile == 100 || profile == 110 || profile == 122 || profile == 244 || profile == 44 ||
+      profile == 83 || profile == 86 || profile == 118 || profile == 128 || profile == 138 ||
+      profile == 139 || profile == 134 || profile == 135) {
+    chroma = b.ue();
+    if (chroma == 3) b.u(1);
+    b.ue();
+    b.ue();
+    b.u(1);
+    if (b.u(1))  // scaling matrices: skipped list by list
+      for (int i = 0; i < (chroma == 3 ? 12 : 8); i++)
+        if (b.u(1))
+          for (int j = 0, last = 8, next = 8; j < (i < 6 ? 16 : 64) && next; j++) {
+            next = (last + b.se() + 256) % 256;
+            last = next ? next : last;
+          }
+  }
+  b.ue();
+  unsigned poc = b.ue();
+  if (poc == 0) {
+    b.ue();
+  } else if (poc == 1) {
+    b.u(1);
+    b.se();
+    b.se();
+    for (unsigned i = 0, n = b.ue(); i < n && !b.bad(); i++) b.se();
+  }
+  b.ue();
+  b.u(1);
+  unsigned mbw = b.ue() + 1, mbh = b.ue() + 1, frame_only = b.u(1);
+  if (!frame_only) b.u(1);
+  b.u(1);
+  unsigned cl = 0, cr = 0, ct = 0, cb = 0;
+  if (b.u(1)) cl = b.ue(), cr = b.ue(), ct = b.ue(), cb = b.ue();
+  unsigned cx = chroma == 1 || chroma == 2 ? 2 : 1, cy = (chroma == 1 ? 2 : 1) * (2 - frame_only);
+  w = mbw * 16 - (cl + cr) * cx;
+  h = mbh * 16 * (2 - frame_only) - (ct + cb) * cy;
+  return !b.bad();
+}
+
+inline bool hevc_size(const std::string& sps, unsigned& w, unsigned& h) {
+  bits b(sps);
+  b.u(16);
+  b.u(4);
+  unsigned sub = b.u(3);
+  b.u(1);
+  b.u(88);  // general profile
+  b.u(8);   // general level
+  unsigned prof[8] = {0}, lev[8] = {0};
+  for (unsigned i = 0; i < sub; i++) prof[i] = b.u(1), lev[i] = b.u(1);
+  if (sub > 0)
+    for (unsigned i = sub; i < 8; i++) b.u(2);
+  for (unsigned i = 0; i < sub; i++) {
+    if (prof[i]) b.u(88);
+    if (lev[i]) b.u(8);
+  }
+  b.ue();
+  unsigned chroma = b.ue();
+  if (chroma == 3) b.u(1);
+  w = b.ue();
+  h = b.ue();
+  if (b.u(1)) {
+    unsigned cx = chroma == 1 || chroma == 2 ? 2 : 1, cy = chroma == 1 ? 2 : 1;
+    unsigned l = b.ue(), r = b.ue(), t = b.ue(), bo = b.ue();
+    w -= (l + r) * cx;
+    h -= (t + bo) * cy;
+  }
+  return !b.bad();
+}
+
 }  // namespace annexb
 
 #endif
