@@ -1,5 +1,5 @@
 // adpcm2lpcm against an independent encoder: ffmpeg's IMA ADPCM (WAV flavour) encodes a
-// known signal in blocks of 321 samples, which are repacked as recorder audio frames.
+// known signal in blocks of 505 samples, which are repacked as recorder audio frames.
 #include <gtest/gtest.h>
 #include <math.h>
 #include <ringrec/audio.h>
@@ -27,7 +27,7 @@ double snr_db(const std::vector<short>& src, const std::vector<short>& dec) {
 TEST(AdpcmAgainstFfmpeg, DecodedFramesTrackTheEncodedSignal) {
   REQUIRE_FFMPEG();
   kit::TempDir dir;
-  const int kFrames = 250, kPer = 321;  // 10 s at 8000 Hz
+  const int kFrames = 160, kPer = 505;  // 10 s at 8000 Hz
   std::vector<short> src(kFrames * kPer);
   std::string raw;
   for (size_t t = 0; t < src.size(); t++) {
@@ -38,19 +38,20 @@ TEST(AdpcmAgainstFfmpeg, DecodedFramesTrackTheEncodedSignal) {
     raw += static_cast<char>((src[t] >> 8) & 0xff);
   }
   media::write_file(dir / "sig.raw", raw);
-  // A 164-byte block: predictor (2), step index (1), reserved (1), 160 code bytes.
+  // A 256-byte block (the encoder wants a power of two): predictor (2), step index (1),
+  // reserved (1), 252 code bytes.
   std::string cmd = "ffmpeg -v error -y -f s16le -ar 8000 -ac 1 -i " + (dir / "sig.raw") +
-                    " -c:a adpcm_ima_wav -block_size 164 -f data " + (dir / "sig.adpcm");
+                    " -c:a adpcm_ima_wav -block_size 256 -f data " + (dir / "sig.adpcm");
   ASSERT_EQ(system(cmd.c_str()), 0) << cmd;
   std::string blocks = media::read_file(dir / "sig.adpcm");
-  ASSERT_EQ(blocks.size(), size_t(kFrames) * 164);
+  ASSERT_EQ(blocks.size(), size_t(kFrames) * 256);
 
   std::vector<short> dec;
   for (int k = 0; k < kFrames; k++) {
-    const char* b = blocks.data() + k * 164;
+    const char* b = blocks.data() + k * 256;
     std::string frame =
-        std::string("\0\1\x52\0", 4) + std::string(b, 3) + '\0' + std::string(b + 4, 160);
-    char out[8 * 84 - 14];
+        std::string("\0\1\x52\0", 4) + std::string(b, 3) + '\0' + std::string(b + 4, 252);
+    char out[8 * 130 - 14];
     int len = 0;
     adpcm2lpcm(frame.data(), static_cast<int>(frame.size()), out, len);
     ASSERT_EQ(len, kPer * 2);
