@@ -239,6 +239,9 @@ int fs_app::write(int time, int len, const void* block) {
     }
     if (chosen < 0 || empty) break;
     clear_writer(false);
+    // The time of this block stays: a failure on the new disk must still hold off
+    // further blocks of the same minute.
+    write_time.store(time, std::memory_order_relaxed);
     cur_db = db_info[chosen].db;
     db_update.store(1, std::memory_order_relaxed);
     // A disk that cannot drop its oldest hour (its writes fail) makes no room either.

@@ -1,0 +1,55 @@
+// Shared helpers of the recording suites: a recorder on a simulated board, driven by
+// the capture simulator on a fake clock, and read-back of what it stored through fs_db.
+#ifndef RINGREC_TESTS_RECORDING_REC_UTIL_H
+#define RINGREC_TESTS_RECORDING_REC_UTIL_H
+
+#include <ringrec/fs_app.h>
+
+#include <string>
+#include <vector>
+
+#include "kit/kit.h"
+#include "sim/capture.h"
+
+namespace rec {
+
+// A start time in the middle of an hour: 2023-11-14 22:00:00 UTC plus `secs`.
+const int kHour0 = 1699999200;
+
+// Small frames: four channels at 5 frames a second, one key frame a second.
+sim::capture_spec small_spec(int channels = 4);
+
+// One block as handed to write, and where it should have landed.
+struct written {
+  int time;
+  std::string bytes;
+};
+
+// Formats every disk of the board through the service.
+void format_all(fs_app& app);
+
+// Records `seconds` of capture time from cap's current time, block by block, keeping the
+// fake wall clock with the capture time. Every block must be accepted unless
+// `expect_ok` is false. Returns the blocks written in order.
+std::vector<written> record(fs_app& app, sim::capture& cap, int seconds, bool expect_ok = true);
+
+// Read-back through a volume opened read-only.
+struct minute_view {
+  entry_t e;
+  std::vector<std::string> blocks;  // stored blocks from data offset 0, whole
+  std::vector<long long> offsets;   // their data offsets
+};
+struct hour_view {
+  entry_t e;
+  std::vector<minute_view> minutes;
+};
+std::vector<hour_view> read_volume(const char* dev);
+
+uint64_t mask_of(const entry_t& e);
+uint32_t events_of(const entry_t& e);
+int32_t count_of(const entry_t& e, int ch);
+head_t head_of(const std::string& block);
+
+}  // namespace rec
+
+#endif
