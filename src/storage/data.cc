@@ -35,7 +35,7 @@ int fs_db::d_read(entry_t& e, int off, int len, void* buf) {
     return -1;
   }
   long long region = e.offset;
-  if (io->read(buf, len, region + off) != 0) {
+  if (io->read(buf, len, add64(region, off)) != 0) {
     fs_log_hdd("d_read", 865, hdd, "ERR, READ");
     return -1;
   }
@@ -60,14 +60,14 @@ int fs_db::d_write(entry_t& e, int off, int len, const void* buf) {
     e.max = static_cast<int32_t>(max);
     long long tail = sb.tail;
     long long size = sb.size;
-    tail += step;
-    if (tail >= kRingStart + size) tail = kRingStart;
+    tail = add64(tail, step);
+    if (tail >= add64(kRingStart, size)) tail = kRingStart;
     sb.tail = tail;
     if (sb_write(sb) != 0) return -1;
     if (e_flush(e) != 0) return -1;
   }
   long long region = e.offset;
-  if (io->write(buf, len, region + off) != 0) {
+  if (io->write(buf, len, add64(region, off)) != 0) {
     fs_log_hdd("d_write", 826, hdd, "ERR, WRITE");
     return -1;
   }
@@ -79,7 +79,7 @@ int fs_db::d_write(entry_t& e, int off, int len, const void* buf) {
 int fs_db::d_query(entry_t& e, int off, int len) {
   long long region = e.offset;
   long long size = sb.size;
-  if (region + off + len > kRingStart + size) {
+  if (add64(region, static_cast<long long>(off) + len) > add64(kRingStart, size)) {
     fs_log_hdd("d_query", 787, hdd, "QUERY, D_QUERY_FU");
     return -2;
   }

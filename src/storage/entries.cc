@@ -90,7 +90,7 @@ int fs_db::e_writes(entryX_t& x, int i, entry_t* v, int n) {
 }
 
 int fs_db::e_open(entryX_t& x, const char* name, entry_t& e) {
-  int num = walk_limit(io, x.offset, x.num);
+  int num = walk_limit(io, sb, x.offset, x.num);
   for (int i = 0; i < num; i++) {
     if (e_read(x, i, e) != 0) {
       fs_log_hdd("e_open", 677, hdd, "ERR");
@@ -103,7 +103,7 @@ int fs_db::e_open(entryX_t& x, const char* name, entry_t& e) {
 
 int fs_db::e_create(entryX_t& x, unsigned short type, const char* name) {
   entry_t e;
-  int num = walk_limit(io, x.offset, x.num);
+  int num = walk_limit(io, sb, x.offset, x.num);
   for (int i = 0; i < num; i++) {
     if (e_read(x, i, e) != 0) {
       fs_log_hdd("e_create", 632, hdd, "ERR");
@@ -124,9 +124,9 @@ int fs_db::e_create(entryX_t& x, unsigned short type, const char* name) {
   e.xoffset = x.offset;
   e.idx = x.num;
 
-  tail += kUnit;
+  tail = add64(tail, kUnit);
   long long size = sb.size;
-  if (tail >= kRingStart + size) tail = kRingStart;
+  if (tail >= add64(kRingStart, size)) tail = kRingStart;
   sb.tail = tail;
   // The superblock goes first: a crash after it leaves the region allocated but
   // unreferenced, never referenced but free.

@@ -21,7 +21,7 @@ long long fs_db::q_free() {
       return 0;
     }
   }
-  return tail >= head ? head + size - tail : head - tail;
+  return tail >= head ? sub64(add64(head, size), tail) : sub64(head, tail);
 }
 
 void fs_db::q_info(int& flag, long long& total, long long& free, int verbose) {
@@ -29,8 +29,8 @@ void fs_db::q_info(int& flag, long long& total, long long& free, int verbose) {
   // The 12 MiB outside the ring are counted in both figures, so that they describe
   // the whole device.
   long long size = sb.size;
-  total = size + kOutside;
-  free = q_free() + kOutside;
+  total = add64(size, kOutside);
+  free = add64(q_free(), kOutside);
   if (verbose != 0) {
     long long head = sb.head;
     long long tail = sb.tail;
@@ -66,7 +66,7 @@ int fs_db::q_first() {
     return -1;
   }
   if (x.num == 0) return 0;
-  int num = walk_limit(io, x.offset, x.num);
+  int num = walk_limit(io, sb, x.offset, x.num);
   entry_t e;
   for (int i = 0; i < num; i++) {
     if (e_read(x, i, e) == 0) return e.time;
@@ -84,9 +84,10 @@ int fs_db::q_last() {
     return -1;
   }
   if (x.num == 0) return 0;
-  int num = walk_limit(io, x.offset, x.num);
+  int num = walk_limit(io, sb, x.offset, x.num);
   entry_t e;
-  for (int i = num - 1; i >= 0; i--) {
+  // Counted down from num itself: a damaged count of INT_MIN has no num - 1.
+  for (int i = num > 0 ? num - 1 : -1; i >= 0; i--) {
     if (e_read(x, i, e) == 0) return e.time;
     fs_log_hdd("q_last", 223, hdd, "ERR, i = %d", i);
   }
@@ -103,7 +104,7 @@ int fs_db::remove(int n) {
     return -1;
   }
   entry_t e;
-  int listed = walk_limit(io, x.offset, n);
+  int listed = walk_limit(io, sb, x.offset, n);
   for (int i = 0; i < listed; i++) {
     if (e_read(x, i, e) == 0) {
       fs_log_hdd("remove", 348, hdd, "REM, %.32s", e.name);
@@ -116,9 +117,8 @@ int fs_db::remove(int n) {
     // The survivors move to the front in one run read and one run write. The count
     // comes from disk: a run that would not lie on the device cannot be read, so it
     // fails as a read without first asking for a buffer of that size.
-    long long run = entry_pos(x.offset, n);
     entry_t* v = nullptr;
-    if (walk_limit(io, run - entry_pos(0, 0), m) == m)
+    if (walk_limit(io, sb, x.offset, x.num) == x.num)
       v = static_cast<entry_t*>(malloc(sizeof(entry_t) * static_cast<size_t>(m)));
     if (v == nullptr || e_reads(x, n, v, m) != 0) {
       fs_log_hdd("remove", 360, hdd, "ERR, READ");
@@ -180,7 +180,7 @@ int fs_db::remove_bytime(int t) {
     return -1;
   }
   int count = 0;
-  int num = walk_limit(io, x.offset, x.num);
+  int num = walk_limit(io, sb, x.offset, x.num);
   entry_t e;
   for (int i = 0; i < num; i++) {
     if (e_read(x, i, e) != 0) {

@@ -11,12 +11,15 @@ using namespace vol;
 
 namespace vol {
 
-int walk_limit(fs_io* io, long long xoff, int num) {
+int walk_limit(fs_io* io, const sb_t& sb, long long xoff, int num) {
   if (num <= 0) return num;
+  long long size = sb.size;
+  long long end = xoff == kRootHeader ? kRingStart : add64(kRingStart, size);
   long long dev = io->seek(0, SEEK_END);
+  if (dev < end) end = dev;
   long long first = entry_pos(xoff, 0);
-  if (dev < first + static_cast<long long>(sizeof(entry_t))) return 0;
-  long long fit = (dev - first) / static_cast<long long>(sizeof(entry_t));
+  if (first < 0 || end < 0 || end - first < static_cast<long long>(sizeof(entry_t))) return 0;
+  long long fit = (end - first) / static_cast<long long>(sizeof(entry_t));
   return fit < num ? static_cast<int>(fit) : num;
 }
 
@@ -68,7 +71,7 @@ int fs_db::format() {
   sb.flag = 0;
   // The ring takes what is left after the 8 MiB in front and at least 4 MiB behind,
   // in whole 4 MiB units (division truncates towards zero, also for tiny devices).
-  long long size = (io->seek(0, SEEK_END) - kOutside) / kUnit * kUnit;
+  long long size = sub64(io->seek(0, SEEK_END), kOutside) / kUnit * kUnit;
   // Test mode confines recording to the first 3 GiB of the disk.
   if (fs_access("/zconf/rd/fs/test", R_OK) == 0) size = 0xC0000000LL;
   sb.size = size;
@@ -147,7 +150,7 @@ int fs_db::sb_read(sb_t& s) {
   if (io->read(&s, sizeof s, 0) == 0 && sb_valid(hdd, s)) return 0;
   // The secondary copy is looked for 4 MiB before the end of the device; on devices
   // whose size is not a multiple of 4 MiB this differs from where sb_write puts it.
-  long long alt = io->seek(0, SEEK_END) - kSecondaryBack;
+  long long alt = sub64(io->seek(0, SEEK_END), kSecondaryBack);
   if (io->read(&s, sizeof s, alt) == 0 && sb_valid(hdd, s)) return 0;
   return -1;
 }
@@ -160,7 +163,7 @@ int fs_db::sb_write(sb_t& s) {
     return -1;
   }
   long long size = s.size;
-  if (io->write(&s, sizeof s, size + kRingStart) != 0) {
+  if (io->write(&s, sizeof s, add64(size, kRingStart)) != 0) {
     fs_log_hdd("sb_write", 496, hdd, "ERR, WRITE");
     return -1;
   }

@@ -22,7 +22,7 @@ int fs_db::chkdsk() {
   }
   // Entries past the end of the device cannot be read; they are dropped like any
   // other unreadable entry, without being tried.
-  int num = walk_limit(io, x.offset, x.num);
+  int num = walk_limit(io, sb, x.offset, x.num);
   int j = 0;
   entry_t e;
   for (int i = 0; i < x.num; i++) {
@@ -109,7 +109,7 @@ void fs_db::print() {
     fs_log_hdd("print", 120, hdd, "ERR");
     return;
   }
-  int num = walk_limit(io, x.offset, x.num);
+  int num = walk_limit(io, sb, x.offset, x.num);
   entry_t e;
   for (int i = 0; i < num; i++) {
     if (e_read(x, i, e) == 0) {
@@ -129,7 +129,7 @@ void fs_db::print(entry_t e) {
     fs_log_hdd("print", 141, hdd, "ERR");
     return;
   }
-  int num = walk_limit(io, x.offset, x.num);
+  int num = walk_limit(io, sb, x.offset, x.num);
   long long sum = 0;
   entry_t c;
   for (int i = 0; i < num; i++) {

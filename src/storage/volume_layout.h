@@ -17,18 +17,32 @@ const int kHeaderWords = sizeof(entryX_t) / 2;
 const int kEntryWords = sizeof(entry_t) / 2;
 const unsigned kRetryPause = 100000;  // microseconds between read attempts
 
-// Byte offset of entry i of the table whose header lies at xoff.
-inline long long entry_pos(long long xoff, long long i) {
-  return xoff + static_cast<long long>(sizeof(entryX_t)) +
-         static_cast<long long>(sizeof(entry_t)) * i;
+// Offsets and sizes read from a damaged superblock or entry can be anything a sealed
+// record lets through; sums of them wrap as the 64-bit words they are instead of
+// overflowing (for every value a volume writes itself, this is plain addition).
+inline long long add64(long long a, long long b) {
+  return static_cast<long long>(static_cast<unsigned long long>(a) +
+                                static_cast<unsigned long long>(b));
+}
+inline long long sub64(long long a, long long b) {
+  return static_cast<long long>(static_cast<unsigned long long>(a) -
+                                static_cast<unsigned long long>(b));
 }
 
-// How many of a table's `num` entries can be visited. A count read from disk can be
-// anything its checksum lets through; entries that would lie past the end of the
-// device cannot be read at all, so walks stop there instead of failing (with retries
-// and pauses) up to two billion times. On any table whose entries lie on the device
-// this is `num` itself.
-int walk_limit(fs_io* io, long long xoff, int num);
+// Byte offset of entry i of the table whose header lies at xoff.
+inline long long entry_pos(long long xoff, long long i) {
+  return add64(
+      xoff, static_cast<long long>(sizeof(entryX_t)) + static_cast<long long>(sizeof(entry_t)) * i);
+}
+
+// How many of a table's `num` entries a walk visits. The count comes from disk and may
+// be anything a sealed header lets through; walking it literally could mean two
+// billion failing reads, each tried three times. Entries can only lie where a table
+// has room: the root table's between its header and the ring (12,945 of them; beyond
+// that are region bytes), a child table's inside the ring, and none past the end of
+// the device. The walk stops there; on every table the volume itself wrote this is
+// `num` unchanged.
+int walk_limit(fs_io* io, const sb_t& sb, long long xoff, int num);
 
 // Names are 32-byte fields that a damaged entry may leave without a NUL; they are
 // printed with "%.32s" so the printf never reads past the field, and compared with

@@ -229,7 +229,7 @@ TEST(Crash, CutBetweenCompactionAndCountLeavesTheNewestHourTwice) {
   EXPECT_STREQ(b.name, "HOUR_2:00");
   EXPECT_STREQ(c.name, "HOUR_2:00");
   // The head already follows the new first hour: HOUR_0's space is free again.
-  EXPECT_EQ(d.sb.head, a.offset);
+  EXPECT_EQ(v64(d.sb.head), v64(a.offset));
   d.close();
 }
 

@@ -33,7 +33,7 @@ TEST(Data, ReadBackWithinSizeAndRefreshBeyondItWithoutSucceeding) {
   ASSERT_EQ(v.db.d_write(w, 0, 10000, b.data()), 0);
   EXPECT_EQ(w.size, 10000);
   // Bytes land at the region's start; size stays in memory until a flush.
-  EXPECT_EQ(kit::read_at(v.img, w.offset, 10000), std::string(b.begin(), b.end()));
+  EXPECT_EQ(kit::read_at(v.img, v64(w.offset), 10000), std::string(b.begin(), b.end()));
   entry_t r;
   ASSERT_EQ(v.db.f_open(r, 2, "H", "M"), 0);
   EXPECT_EQ(r.size, 0);
@@ -68,12 +68,12 @@ TEST(Data, GrowthStepDoublesBeforeUseForQuickGrowths) {
   kit::FakeClock::mono_ms += 3000;
   ASSERT_EQ(v.db.d_write(e, 0x400000 - 8, 16, b), 0);
   EXPECT_EQ(e.max, 12 * MiB);
-  EXPECT_EQ(v.db.sb.tail, tail0 + 8 * MiB);
+  EXPECT_EQ(v64(v.db.sb.tail), tail0 + 8 * MiB);
   // The growth persisted max and the size written before it, and the tail.
   entry_t disk = kit::get<entry_t>(v.img, entry_at(e.xoffset, e.idx));
   EXPECT_EQ(disk.max, 12 * MiB);
   EXPECT_EQ(disk.size, 0);
-  EXPECT_EQ(v.disk_sb().tail, tail0 + 8 * MiB);
+  EXPECT_EQ(v64(v.disk_sb().tail), tail0 + 8 * MiB);
 
   std::vector<int> steps;
   for (int k = 0; k < 6; k++) {
@@ -161,7 +161,7 @@ TEST(Space, RingArithmeticWrapsAndEqualBoundsWithEntriesMeanFull) {
     ASSERT_EQ(v.db.e_create(x, 5, n), 0);
   }
   // 13 units fill the 52 MiB ring; the tail wrapped to the start, onto the head.
-  EXPECT_EQ(v.db.sb.tail, kRing);
+  EXPECT_EQ(v64(v.db.sb.tail), kRing);
   kit::StderrCapture cap;
   EXPECT_EQ(v.db.q_free(), 0);
   EXPECT_EQ(cap.take(), "q_free[234]: HDD0: ERR\n");
@@ -252,8 +252,8 @@ TEST(Recycling, RemoveCompactsTheRootAndMovesTheHead) {
   EXPECT_EQ(e0.idx, 0);
   EXPECT_EQ(e1.time, 1003);
   // Hours take two units each (table + minute); the third hour's region is the head.
-  EXPECT_EQ(v.disk_sb().head, kRing + 16 * MiB);
-  EXPECT_EQ(v.disk_sb().tail, tail);
+  EXPECT_EQ(v64(v.disk_sb().head), kRing + 16 * MiB);
+  EXPECT_EQ(v64(v.disk_sb().tail), tail);
   EXPECT_EQ(kit::count(out, "remove[348]: HDD0: REM, HOUR_0:00\n"), 1) << out;
   EXPECT_EQ(kit::count(out, "remove[409]: HDD0: num=2, 1st: HOUR_2:00, last: HOUR_3:00\n"), 1);
   EXPECT_EQ(kit::count(out, "remove[425]: HDD0: REMOVE DONE, 0.000000s, q_free = 36MB\n"), 1)
@@ -269,8 +269,8 @@ TEST(Recycling, RemovingEverythingRestartsTheRing) {
   kit::StderrCapture cap;
   ASSERT_EQ(v.db.remove(3), 0);
   EXPECT_EQ(kit::count(cap.take(), "remove[413]: HDD0: num=0\n"), 1);
-  EXPECT_EQ(v.disk_sb().head, kRing);
-  EXPECT_EQ(v.disk_sb().tail, kRing);
+  EXPECT_EQ(v64(v.disk_sb().head), kRing);
+  EXPECT_EQ(v64(v.disk_sb().tail), kRing);
   EXPECT_EQ(v.db.q_free(), 52 * MiB);
 }
 
@@ -348,7 +348,7 @@ TEST(Check, AnEntryWithoutAChildTableIsDroppedAfterOneAttempt) {
   EXPECT_EQ(kit::count(out, want), 1) << out;
   EXPECT_EQ(kit::count(out, "chkdsk[269]: ERR: 0, HOUR_0:00\n"), 1) << out;
   // The head follows the surviving first hour.
-  EXPECT_EQ(v.disk_sb().head, kRing + 8 * MiB);
+  EXPECT_EQ(v64(v.disk_sb().head), kRing + 8 * MiB);
 }
 
 TEST(Check, AnEmptyRootPutsBothBoundsBackAtTheRingStart) {
@@ -358,8 +358,8 @@ TEST(Check, AnEmptyRootPutsBothBoundsBackAtTheRingStart) {
   kit::StderrCapture cap;
   ASSERT_EQ(v.db.chkdsk(), 0);
   EXPECT_EQ(kit::count(cap.take(), "chkdsk[312]: HDD0: num=0\n"), 1);
-  EXPECT_EQ(v.disk_sb().head, kRing);
-  EXPECT_EQ(v.disk_sb().tail, kRing);
+  EXPECT_EQ(v64(v.disk_sb().head), kRing);
+  EXPECT_EQ(v64(v.disk_sb().tail), kRing);
 }
 
 TEST(Listing, EntryLinesAndTheChildTableSummary) {

@@ -34,6 +34,10 @@ inline uint16_t xor_words(const std::string& b) {
   return x;
 }
 
+// gtest binds references to what it compares; packed 64-bit fields are unaligned, so
+// they are copied into a plain value first.
+inline long long v64(long long x) { return x; }
+
 inline long long entry_at(long long xoff, int i) { return xoff + 16 + 324LL * i; }
 
 // A volume on a temporary sparse image with fake clocks, open for writing.

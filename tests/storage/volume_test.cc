@@ -13,15 +13,15 @@ TEST(Format, WritesBothSuperblockCopiesAndAnEmptyRootBoundToTheKey) {
   EXPECT_EQ(s.key, 0x5678 ^ 0x1234);
   EXPECT_EQ(s.flag, 0u);
   // (65 MiB - 12 MiB) truncated to whole 4 MiB units.
-  EXPECT_EQ(s.size, 52 * MiB);
-  EXPECT_EQ(s.head, kRing);
-  EXPECT_EQ(s.tail, kRing);
+  EXPECT_EQ(v64(s.size), 52 * MiB);
+  EXPECT_EQ(v64(s.head), kRing);
+  EXPECT_EQ(v64(s.tail), kRing);
   EXPECT_EQ(xor_words(kit::read_at(v.img, 0, 36)), 0);
   EXPECT_EQ(kit::read_at(v.img, kRing + 52 * MiB, 36), kit::read_at(v.img, 0, 36));
 
   entryX_t x = kit::get<entryX_t>(v.img, kRoot);
   EXPECT_EQ(x.key, s.key);
-  EXPECT_EQ(x.offset, kRoot);
+  EXPECT_EQ(v64(x.offset), kRoot);
   EXPECT_EQ(x.num, 0);
   EXPECT_EQ(xor_words(kit::read_at(v.img, kRoot, 16)), s.key);
   EXPECT_EQ(v.db.q_key(), 0x12345678u);
@@ -49,7 +49,7 @@ TEST(Format, SecondaryCopyIsFoundOnlyWhereItWasWrittenOnWholeUnitDevices) {
   kit::StderrCapture cap;
   fs_db a, b;
   EXPECT_EQ(a.open(0, whole.img.c_str(), "r"), 0);
-  EXPECT_EQ(a.sb.size, 52 * MiB);
+  EXPECT_EQ(v64(a.sb.size), 52 * MiB);
   EXPECT_EQ(b.open(1, odd.img.c_str(), "r"), -1);
   EXPECT_EQ(b.error(), 2);
   EXPECT_EQ(b.q_key(), 0u);
@@ -71,8 +71,9 @@ TEST(Format, TestModeMarkerFixesTheRingAtThreeGiB) {
   // The secondary copy lands at 3 GiB + 8 MiB, far past this device: the sparse
   // image simply grows there.
   EXPECT_EQ(d.format(), 0);
-  EXPECT_EQ(d.sb.size, 0xC0000000LL);
-  EXPECT_EQ(kit::get<sb_t>(board.image("sda"), 0xC0000000LL + kRing).size, 0xC0000000LL);
+  EXPECT_EQ(v64(d.sb.size), 0xC0000000LL);
+  sb_t second = kit::get<sb_t>(board.image("sda"), 0xC0000000LL + kRing);
+  EXPECT_EQ(v64(second.size), 0xC0000000LL);
   d.close();
 }
 
@@ -139,7 +140,7 @@ TEST(Superblock, WriteSetsTheChecksumAndPutsThePrimaryFirst) {
   rec.stop();
   ASSERT_EQ(rec.ops().size(), 2u);
   EXPECT_EQ(rec.ops()[0].off, 0);
-  EXPECT_EQ(rec.ops()[1].off, kRing + v.db.sb.size);
+  EXPECT_EQ(rec.ops()[1].off, kRing + v64(v.db.sb.size));
   EXPECT_EQ(xor_words(rec.ops()[0].bytes), 0);
   EXPECT_EQ(v.disk_sb().flag, 1u);
 }
@@ -159,7 +160,7 @@ TEST(TableHeader, OffsetZeroIsTheRootAndALowOffsetIsRetriedThreeTimes) {
   Volume v;
   entryX_t x;
   EXPECT_EQ(v.db.x_read(0, x), 0);
-  EXPECT_EQ(x.offset, kRoot);
+  EXPECT_EQ(v64(x.offset), kRoot);
 
   kit::StderrCapture cap;
   int before = kit::FakeClock::sleeps;
@@ -229,19 +230,19 @@ TEST(Entries, CreatePlacesTheEntryAllocatesAUnitAndBindsItToTheKey) {
   ASSERT_EQ(v.db.e_create(x, 0, "HOUR_1:01"), 0);
   EXPECT_EQ(x.num, 2);
   EXPECT_EQ(kit::get<entryX_t>(v.img, kRoot).num, 2);
-  EXPECT_EQ(v.disk_sb().tail, kRing + 8 * MiB);
+  EXPECT_EQ(v64(v.disk_sb().tail), kRing + 8 * MiB);
 
   entry_t e = kit::get<entry_t>(v.img, entry_at(kRoot, 1));
   EXPECT_STREQ(e.name, "HOUR_1:01");
   EXPECT_EQ(e.idx, 1);
-  EXPECT_EQ(e.xoffset, kRoot);
-  EXPECT_EQ(e.offset, kRing + 4 * MiB);
+  EXPECT_EQ(v64(e.xoffset), kRoot);
+  EXPECT_EQ(v64(e.offset), kRing + 4 * MiB);
   EXPECT_EQ(e.max, 0x400000);
   EXPECT_EQ(e.size, 0);
   EXPECT_EQ(xor_words(kit::read_at(v.img, entry_at(kRoot, 1), 324)), v.key());
   // A type-0 entry's region starts with an empty table of its own.
   entryX_t child = kit::get<entryX_t>(v.img, kRing + 4 * MiB);
-  EXPECT_EQ(child.offset, kRing + 4 * MiB);
+  EXPECT_EQ(v64(child.offset), kRing + 4 * MiB);
   EXPECT_EQ(child.num, 0);
 
   // Another kind of entry gets no header in its region.
@@ -364,7 +365,7 @@ TEST(Paths, OpenWalksTablesAndCreateNeverMakesIntermediateOnes) {
   EXPECT_EQ(e.type, 0);
   ASSERT_EQ(v.db.f_open(e, 3, "A", "B", "C"), 0);
   EXPECT_EQ(e.type, 9);
-  EXPECT_EQ(e.xoffset, kRing + 4 * MiB);
+  EXPECT_EQ(v64(e.xoffset), kRing + 4 * MiB);
   EXPECT_EQ(v.db.f_open(e, 2, "A", "C"), -1);
   // Names are compared exactly.
   EXPECT_EQ(v.db.f_open(e, 1, "a"), -1);
