@@ -95,6 +95,46 @@ int fs_db::q_last() {
   return -1;
 }
 
+namespace vol {
+
+int ring_bounds(fs_db& db, entryX_t& x, const bounds_lines& l) {
+  long long head = db.sb.head;
+  long long tail = db.sb.tail;
+  if (x.num < 1) {
+    fs_log_hdd(l.fn, l.empty, db.hdd, "num=%d", x.num);
+    // An emptied volume starts again at the beginning of the ring.
+    head = kRingStart;
+    tail = kRingStart;
+  } else {
+    entry_t first, last;
+    if (db.e_read(x, 0, first) != 0) {
+      fs_log_hdd(l.fn, l.first_err, db.hdd, "ERR");
+      return -1;
+    }
+    if (db.e_read(x, x.num - 1, last) != 0) {
+      fs_log_hdd(l.fn, l.last_err, db.hdd, "ERR");
+      return -1;
+    }
+    fs_log_hdd(l.fn, l.summary, db.hdd, "num=%d, 1st: %.32s, last: %.32s", x.num, first.name,
+               last.name);
+    head = first.offset;
+  }
+  long long old_head = db.sb.head;
+  long long old_tail = db.sb.tail;
+  if (head != old_head || tail != old_tail) {
+    db.sb.head = head;
+    db.sb.tail = tail;
+    if (db.sb_write(db.sb) != 0) return -2;
+  }
+  return 0;
+}
+
+}  // namespace vol
+
+namespace {
+const vol::bounds_lines kRemoveLines = {"remove", 413, 402, 406, 409};
+}  // namespace
+
 int fs_db::remove(int n) {
   if (n == 0) return 0;
   long long t0 = utime();
@@ -141,33 +181,7 @@ int fs_db::remove(int n) {
       return -1;
     }
   }
-  long long head = sb.head;
-  long long tail = sb.tail;
-  if (x.num < 1) {
-    fs_log_hdd("remove", 413, hdd, "num=%d", x.num);
-    // An emptied volume starts again at the beginning of the ring.
-    head = kRingStart;
-    tail = kRingStart;
-  } else {
-    entry_t first, last;
-    if (e_read(x, 0, first) != 0) {
-      fs_log_hdd("remove", 402, hdd, "ERR");
-      return -1;
-    }
-    if (e_read(x, x.num - 1, last) != 0) {
-      fs_log_hdd("remove", 406, hdd, "ERR");
-      return -1;
-    }
-    fs_log_hdd("remove", 409, hdd, "num=%d, 1st: %.32s, last: %.32s", x.num, first.name, last.name);
-    head = first.offset;
-  }
-  long long old_head = sb.head;
-  long long old_tail = sb.tail;
-  if (head != old_head || tail != old_tail) {
-    sb.head = head;
-    sb.tail = tail;
-    if (sb_write(sb) != 0) return -1;
-  }
+  if (ring_bounds(*this, x, kRemoveLines) != 0) return -1;
   fs_log_hdd("remove", 425, hdd, "REMOVE DONE, %fs, q_free = %lldMB",
              static_cast<double>(static_cast<float>(ucost(t0)) / 1000), q_free() >> 20);
   return 0;

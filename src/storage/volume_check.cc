@@ -66,37 +66,12 @@ int fs_db::chkdsk() {
       return -1;
     }
   }
-  long long head = sb.head;
-  long long tail = sb.tail;
-  if (x.num < 1) {
-    fs_log_hdd("chkdsk", 312, hdd, "num=%d", x.num);
-    head = kRingStart;
-    tail = kRingStart;
-  } else {
-    entry_t first, last;
-    if (e_read(x, 0, first) != 0) {
-      fs_log_hdd("chkdsk", 299, hdd, "ERR");
-      err = 2;
-      return -1;
-    }
-    if (e_read(x, x.num - 1, last) != 0) {
-      fs_log_hdd("chkdsk", 304, hdd, "ERR");
-      err = 2;
-      return -1;
-    }
-    fs_log_hdd("chkdsk", 308, hdd, "num=%d, 1st: %.32s, last: %.32s", x.num, first.name, last.name);
-    head = first.offset;
-  }
-  long long old_head = sb.head;
-  long long old_tail = sb.tail;
-  if (head != old_head || tail != old_tail) {
-    sb.head = head;
-    sb.tail = tail;
-    if (sb_write(sb) != 0) {
-      fs_log_hdd("chkdsk", 320, hdd, "ERR");
-      err = 2;
-      return -1;
-    }
+  const bounds_lines lines = {"chkdsk", 312, 299, 304, 308};
+  int r = ring_bounds(*this, x, lines);
+  if (r != 0) {
+    if (r == -2) fs_log_hdd("chkdsk", 320, hdd, "ERR");
+    err = 2;
+    return -1;
   }
   fs_log_hdd("chkdsk", 327, hdd, "CHKDSK DONE, %fs",
              static_cast<double>(static_cast<float>(ucost(t0)) / 1000));

@@ -47,6 +47,17 @@ int walk_limit(fs_io* io, const sb_t& sb, long long xoff, int num);
 // Names are 32-byte fields that a damaged entry may leave without a NUL; they are
 // printed with "%.32s" so the printf never reads past the field, and compared with
 // name_eq, which treats a full field as a 32-character name.
+// Where the ring's live data begins, from the root table: the region of its first entry,
+// or the start of the ring (head and tail both) when the table is empty; written to the
+// superblock when it moved. Shared by remove and chkdsk, whose messages carry their own
+// names and line numbers. 0; -1 when the first or last entry is unreadable; -2 when the
+// superblock write failed.
+struct bounds_lines {
+  const char* fn;
+  int empty, first_err, last_err, summary;
+};
+int ring_bounds(fs_db& db, entryX_t& x, const bounds_lines& l);
+
 bool name_eq(const char* field, const char* name);
 
 }  // namespace vol
