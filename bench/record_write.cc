@@ -92,14 +92,14 @@ int main(int argc, char** argv) {
   setenv("RINGREC_ROOT", root.c_str(), 1);
 
   // One second of capture (5 ticks of 200 ms), reused with new time stamps.
-  sim::capture_spec spec;
-  spec.channels = 16;
-  spec.main_kbps = 4000;
-  spec.sub_kbps = 512;
-  spec.block_ms = 200;
+  sim::capture_spec shape;
+  shape.channels = 16;
+  shape.main_kbps = 4000;
+  shape.sub_kbps = 512;
+  shape.block_ms = 200;
   sim::capture cap;
   const int start = 1700000000 - 1700000000 % 3600 + 3600 - 20;
-  if (cap.open(spec, start * 1000LL, &err) != 0) return 1;
+  if (cap.open(shape, start * 1000LL, &err) != 0) return 1;
   std::vector<std::vector<std::string>> ticks(5);
   for (auto& t : ticks) cap.next(t);
 

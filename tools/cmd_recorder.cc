@@ -222,11 +222,11 @@ int load_script(const std::string& path, std::vector<script_event>& out, std::st
 int run_record(const std::vector<std::string>& in) {
   std::vector<std::string> args = in;
   std::string v;
-  sim::capture_spec spec;
+  sim::capture_spec shape;
   long long n, from = -1, minutes = -1;
   if (take_option(args, "--channels", &v)) {
     if (!parse_int(v, &n) || n < 1 || n > 32) return usage_error("record", "--channels: 1 to 32");
-    spec.channels = static_cast<int>(n);
+    shape.channels = static_cast<int>(n);
   } else {
     return usage_error("record", "--channels is required");
   }
@@ -237,25 +237,25 @@ int run_record(const std::vector<std::string>& in) {
     return usage_error("record", "--minutes M is required (1 or more)");
   std::vector<std::string> inputs = tool::take_options(args, "--input");
   if (inputs.size() > 2) return usage_error("record", "at most two --input streams");
-  if (!inputs.empty()) spec.main_input = inputs[0];
-  if (inputs.size() > 1) spec.sub_input = inputs[1];
+  if (!inputs.empty()) shape.main_input = inputs[0];
+  if (inputs.size() > 1) shape.sub_input = inputs[1];
   if (take_option(args, "--codec", &v)) {
     if (v != "264" && v != "265") return usage_error("record", "--codec: 264 or 265");
-    spec.codec = atoi(v.c_str());
+    shape.codec = atoi(v.c_str());
   }
   if (take_option(args, "--fps", &v)) {
     if (!parse_int(v, &n) || n < 1 || n > 60) return usage_error("record", "--fps: 1 to 60");
-    spec.fps = static_cast<int>(n);
+    shape.fps = static_cast<int>(n);
   }
   if (take_option(args, "--main-kbps", &v)) {
     if (!parse_int(v, &n) || n < 1 || n > 20000) return usage_error("record", "--main-kbps");
-    spec.main_kbps = static_cast<int>(n);
+    shape.main_kbps = static_cast<int>(n);
   }
   if (take_option(args, "--sub-kbps", &v)) {
     if (!parse_int(v, &n) || n < 1 || n > 4000) return usage_error("record", "--sub-kbps");
-    spec.sub_kbps = static_cast<int>(n);
+    shape.sub_kbps = static_cast<int>(n);
   }
-  if (take_flag(args, "--no-audio")) spec.audio = false;
+  if (take_flag(args, "--no-audio")) shape.audio = false;
   std::vector<script_event> script;
   if (take_option(args, "--events", &v)) {
     std::string err;
@@ -263,12 +263,12 @@ int run_record(const std::vector<std::string>& in) {
   }
   if (!args.empty()) return usage_error("record", "unexpected argument '" + args[0] + "'");
   // Blocks of 200 ms when the frame rate allows, else of one second.
-  spec.block_ms = (spec.fps * 200) % 1000 == 0 ? 200 : 1000;
-  spec.gop = spec.fps;
+  shape.block_ms = (shape.fps * 200) % 1000 == 0 ? 200 : 1000;
+  shape.gop = shape.fps;
 
   sim::capture cap;
   std::string err;
-  if (cap.open(spec, from * 1000, &err) != 0) return fail(err);
+  if (cap.open(shape, from * 1000, &err) != 0) return fail(err);
 
   fs_app* app = new fs_app();
   int rc = open_disks(*app, "w");
@@ -276,7 +276,7 @@ int run_record(const std::vector<std::string>& in) {
     delete app;
     return rc;
   }
-  app->set(spec.channels);
+  app->set(shape.channels);
   // The library stamps its records and picks live event slots by its wall clock, which
   // must run with the simulated capture time.
   sim::clock_follow();
@@ -330,7 +330,7 @@ int run_record(const std::vector<std::string>& in) {
   double secs = static_cast<double>(t1.tv_sec - t0.tv_sec) +
                 static_cast<double>(t1.tv_nsec - t0.tv_nsec) / 1e9;
   printf("recorded %lld minutes of %d channels: %lld blocks, %lld MB in %.1f s (%.1f MB/s)\n",
-         minutes, spec.channels, blocks, bytes >> 20, secs,
+         minutes, shape.channels, blocks, bytes >> 20, secs,
          secs > 0 ? static_cast<double>(bytes) / 1048576.0 / secs : 0.0);
   if (refused > 0) {
     fprintf(stderr, "ringrec: %lld blocks were refused (no writable disk with room?)\n", refused);

@@ -24,10 +24,10 @@ TEST(Concurrency, CaptureDetectorsAndUserInterfaceAtOnce) {
   std::atomic<int> written(0), failed(0);
   auto capture = [&](int id) {
     sim::capture cap;
-    sim::capture_spec spec = rec::small_spec(2);
-    spec.block_ms = 200;
-    spec.seed = static_cast<uint32_t>(id + 1);
-    ASSERT_EQ(0, cap.open(spec, start * 1000LL, nullptr));
+    sim::capture_spec shape = rec::small_spec(2);
+    shape.block_ms = 200;
+    shape.seed = static_cast<uint32_t>(id + 1);
+    ASSERT_EQ(0, cap.open(shape, start * 1000LL, nullptr));
     std::vector<std::string> blocks;
     for (int i = 0; i < 5 * 90; i++) {  // 90 s of capture time
       cap.next(blocks);

@@ -33,7 +33,7 @@ std::vector<written> record(fs_app& app, sim::capture& cap, int seconds, bool ex
   while (cap.now_ms() < end) {
     cap.next(blocks);
     kit::FakeClock::wall = cap.time();
-    kit::FakeClock::mono_ms += cap.spec().block_ms;
+    kit::FakeClock::mono_ms += cap.shape().block_ms;
     for (const std::string& b : blocks) {
       int r = app.write(cap.time(), static_cast<int>(b.size()), b.data());
       if (expect_ok) {

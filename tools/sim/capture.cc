@@ -148,8 +148,8 @@ int load_annexb(const std::string& path, int codec, std::vector<access_unit>& ou
   return 0;
 }
 
-int capture::open(const capture_spec& spec, long long start_ms, std::string* err) {
-  spec_ = spec;
+int capture::open(const capture_spec& shape, long long start_ms, std::string* err) {
+  spec_ = shape;
   if (spec_.channels < 1 || spec_.channels > 32) {
     if (err) *err = "channels must be 1 to 32";
     return -1;

@@ -52,7 +52,7 @@ std::string synth_unit(int codec, bool key, int bytes, uint32_t seed);
 class capture {
  public:
   // start_ms: capture time of the first tick, milliseconds since the epoch.
-  int open(const capture_spec& spec, long long start_ms, std::string* err);
+  int open(const capture_spec& shape, long long start_ms, std::string* err);
 
   // Builds the blocks of the next tick into `blocks` (replacing its contents) and moves
   // the capture time on by block_ms. time() is the block time (seconds) of those blocks.
@@ -63,7 +63,7 @@ class capture {
   // Event bits ORed into word 10 of the blocks built from now on (0 to stop).
   void set_events(uint32_t bits) { events_ = bits; }
 
-  const capture_spec& spec() const { return spec_; }
+  const capture_spec& shape() const { return spec_; }
   int codec() const { return codec_; }
 
  private:
