@@ -163,6 +163,7 @@ class fs_mp4 {
   void hvc1(int t);
   void hvcC();
   void visualSampleEntry(int t);
+  void sound_entry_head();
   void mp4a();
   void esds();
   void sowt();

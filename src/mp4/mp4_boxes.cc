@@ -406,9 +406,9 @@ void fs_mp4::hvcC() {
   }
 }
 
-void fs_mp4::mp4a() {
-  w_u32(mp4a_sz());
-  w_4cc("mp4a");
+// The start of both sound sample entries: reserved bytes, data reference 1, version 0,
+// mono 16-bit.
+void fs_mp4::sound_entry_head() {
   w_nbyte(6);
   w_u16(1);  // data reference index
   w_u16(0);  // version
@@ -416,6 +416,12 @@ void fs_mp4::mp4a() {
   w_u16(1);   // channels
   w_u16(16);  // bits per sample
   w_u16(0);
+}
+
+void fs_mp4::mp4a() {
+  w_u32(mp4a_sz());
+  w_4cc("mp4a");
+  sound_entry_head();
   w_u32(8000);  // with the next two bytes: 8000.0 as 16.16
   w_nbyte(2);
   esds();
@@ -431,13 +437,7 @@ void fs_mp4::esds() {
 void fs_mp4::sowt() {
   w_u32(sowt_sz());
   w_4cc("sowt");
-  w_nbyte(6);
-  w_u16(1);  // data reference index
-  w_u16(0);  // version
-  w_nbyte(6);
-  w_u16(1);   // channels
-  w_u16(16);  // bits per sample
-  w_u16(0);
+  sound_entry_head();
   w_u32(8000);
   w_nbyte(16);
   w_u16(2);
