@@ -89,6 +89,49 @@ bool read_record(fs_db* db, entry_t& e, int end, head_t& h, int& size, const cha
   return true;
 }
 
+// The two layouts an index record of one stream may have: word 8 marks bare 8-byte
+// offsets (the earlier layout) or 16-byte frame_info_t records; each is remembered as
+// its kind. A line of 0 means that read failure has no message of its own.
+struct index_layouts {
+  uint32_t old_mark, new_mark;
+  int old_kind, new_kind;
+  int old_line, new_line;
+};
+const index_layouts kLqLayouts = {0x200, 0x2000, 9, 13, 1769, 0};
+const index_layouts kHqLayouts = {0x400, 0x4000, 10, 14, 1852, 1876};
+
+// Loads the payload of `size` bytes at `data` into s and places its current entry on
+// the last (dir < 0) or the first key frame. 1 loaded; 0 an unknown layout (s is left
+// as it was); -1 a read failure.
+int load_index(fs_db* db, entry_t& e, int data, int size, uint32_t types, r_iframe_t& s,
+               const index_layouts& l, int dir) {
+  int n, line;
+  bool ok;
+  if (types == l.old_mark) {
+    n = size / 8;
+    line = l.old_line;
+    ok = grow(s.offs, s.offs_cap, n) && db->d_read(e, data, n * 8, s.offs) == 0;
+    s.kind = l.old_kind;
+  } else if (types == l.new_mark) {
+    n = size / 16;
+    line = l.new_line;
+    ok = grow(s.infos, s.infos_cap, n) && db->d_read(e, data, n * 16, s.infos) == 0;
+    s.kind = l.new_kind;
+  } else {
+    return 0;
+  }
+  if (!ok) {
+    if (line != 0)
+      fs_log("read_Iframe_info", line,
+             l.old_kind == 9 ? "Read LQ data fail.\n" : "Read HQ data fail.\n");
+    return -1;
+  }
+  s.count = n;
+  s.pos = dir < 0 ? s.count - 1 : 0;
+  if (s.kind == l.new_kind && s.count > 0) s.time = s.infos[s.pos].time;
+  return 1;
+}
+
 }  // namespace
 
 void fs_app::read_Iframe_info(fs_db* db, int dir) {
@@ -107,59 +150,13 @@ void fs_app::read_Iframe_info(fs_db* db, int dir) {
     return;
   }
   if (h.type != 9) return;
-  int data = S - 8 - size;  // payload lies just before the tail
-  if (h.types == 0x200) {
-    int n = size / 8;
-    if (!grow(lq.offs, lq.offs_cap, n) || db->d_read(e, data, n * 8, lq.offs) != 0) {
-      fs_log("read_Iframe_info", 1769, "Read LQ data fail.\n");
-      lq.count = hq.count = 0;
-      return;
-    }
-    lq.kind = 9;
-    lq.count = n;
-  } else if (h.types == 0x2000) {
-    int n = size / 16;
-    if (!grow(lq.infos, lq.infos_cap, n) || db->d_read(e, data, n * 16, lq.infos) != 0) {
-      lq.count = hq.count = 0;
-      return;
-    }
-    lq.kind = 13;
-    lq.count = n;
-  } else {
-    return;
-  }
-  lq.pos = dir < 0 ? lq.count - 1 : 0;
-  if (lq.kind == 13 && lq.count > 0) lq.time = lq.infos[lq.pos].time;
+  int r = load_index(db, e, S - 8 - size, size, h.types, lq, kLqLayouts, dir);
+  if (r < 0) lq.count = hq.count = 0;
+  if (r <= 0) return;
 
   // The HQ record ends where the LQ record begins.
   int hq_end = S - kOverhead - size;
-  if (!read_record(db, e, hq_end, h, size, "read_Iframe_info", 1819, 1825) || h.type != 10) {
+  if (!read_record(db, e, hq_end, h, size, "read_Iframe_info", 1819, 1825) || h.type != 10 ||
+      load_index(db, e, hq_end - 8 - size, size, h.types, hq, kHqLayouts, dir) <= 0)
     hq.count = 0;
-    return;
-  }
-  data = hq_end - 8 - size;
-  if (h.types == 0x400) {
-    int n = size / 8;
-    if (!grow(hq.offs, hq.offs_cap, n) || db->d_read(e, data, n * 8, hq.offs) != 0) {
-      fs_log("read_Iframe_info", 1852, "Read HQ data fail.\n");
-      hq.count = 0;
-      return;
-    }
-    hq.kind = 10;
-    hq.count = n;
-  } else if (h.types == 0x4000) {
-    int n = size / 16;
-    if (!grow(hq.infos, hq.infos_cap, n) || db->d_read(e, data, n * 16, hq.infos) != 0) {
-      fs_log("read_Iframe_info", 1876, "Read HQ data fail.\n");
-      hq.count = 0;
-      return;
-    }
-    hq.kind = 14;
-    hq.count = n;
-  } else {
-    hq.count = 0;
-    return;
-  }
-  hq.pos = dir < 0 ? hq.count - 1 : 0;
-  if (hq.kind == 14 && hq.count > 0) hq.time = hq.infos[hq.pos].time;
 }
