@@ -6,7 +6,9 @@
 #define RINGREC_FS_APP_H
 
 #include <pthread.h>
+#include <ringrec/block.h>
 #include <ringrec/fs_db.h>
+#include <ringrec/irf.h>
 #include <ringrec/records.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -16,40 +18,6 @@
 
 class fs_mp4;
 
-#pragma pack(push, 1)
-
-// Motion record of one minute, 15656 bytes, stored at data offset 0 of the minute entry.
-//   off    size  field
-//     0     288  head   type 4, size 15360, word 7 = 20, word 8 = 0x10,
-//                       word 10 = channels that reported motion in the minute
-//   288   15360  grid   6 slots of 10 s x 32 channel rows x 20 mask words
-// 15648       8  tail   0xFFFFEDCB, 15360
-struct motion_rec_t {
-  head_t head;
-  uint32_t grid[6][32][20];
-  uint32_t tail[2];
-};
-
-// Event log record of one minute, 1448 bytes, stored at data offset 15656.
-//   off  size  field
-//     0   288  head   type 8, size 1152, word 7 = 6, word 8 = 0x100
-//   288  1152  rows   12 slots of 5 s, one event_t each
-//  1440     8  tail   0xFFFFEDCB, 1152
-struct log_rec_t {
-  head_t head;
-  event_t rows[12];
-  uint32_t tail[2];
-};
-
-#pragma pack(pop)
-
-static_assert(sizeof(motion_rec_t) == 15656, "motion record is 15656 bytes");
-static_assert(offsetof(motion_rec_t, grid) == 288, "motion_rec_t.grid");
-static_assert(offsetof(motion_rec_t, tail) == 15648, "motion_rec_t.tail");
-static_assert(sizeof(log_rec_t) == 1448, "event log record is 1448 bytes");
-static_assert(offsetof(log_rec_t, rows) == 288, "log_rec_t.rows");
-static_assert(offsetof(log_rec_t, tail) == 1440, "log_rec_t.tail");
-
 // One row of the disk table.
 struct db_info_t {
   fs_db* db;          // the volume, owned by the service; null when the row is unused
@@ -58,6 +26,23 @@ struct db_info_t {
   char model[68];     // model text of the drive, or "RAID"
   long long size_kb;  // size in 1 KiB blocks as /proc/partitions gives it
   char rsv1[16];      // not used by the recording service
+};
+
+// The backup readers' growable block buffer; writers start it at 0x80000 bytes.
+struct q_t {
+  int32_t max;         // bytes allocated
+  unsigned char* buf;  // malloc'ed, owned by the writer's run
+};
+
+// The export plan of the TARVO edition: up to five pieces written into one file.
+struct m4vbackupInfo {
+  int32_t ch;  // channel to export, set by the caller
+  int32_t rsv;
+  // Per piece: byte budget, selection item, entry index, block offset, start time, and
+  // six reserved words.
+  int32_t row[5][11];
+  char name[128];  // file name of the first piece
+  int32_t n;       // rows in use
 };
 
 // One selected hour of a backup.
@@ -103,6 +88,9 @@ struct r_cursor_t {
   int32_t sem_mode;  // progress reports: set by sem_mode, 1 after construction; shared
                      // with backup and kept when the cursor is cleared
 };
+// r_head fills the previous block's tail and the current head with one 296-byte read.
+static_assert(offsetof(r_cursor_t, head) == offsetof(r_cursor_t, tail) + 8,
+              "the tail buffer sits directly before the head buffer");
 
 // Key-frame state of one stream for playback: 0 the substream (LQ), 1 the main stream.
 struct r_iframe_t {
@@ -174,7 +162,7 @@ class fs_app {
 
   // ---- reader state (IRF files on USB) ---------------------------------------------------
   FILE* usb_f;
-  uint32_t usb_rec[16];  // the 64-byte frame record read last
+  irf_frame_rec_t usb_rec;  // the frame record read last
   unsigned char usb_data[102400];
 
   fs_app();
@@ -218,6 +206,82 @@ class fs_app {
   int writeback_motion_info(fs_db* db);
   int writeback_log_info(fs_db* db);
   void read_Log_info(fs_db* db, int);
+
+  // Time search.
+  hour_rec_t* q_hour(int beg, int end, int& num);
+  min_rec_t* q_min(int beg, int end, int& num);
+  void q_time(int num, int* times);
+
+  // Event and motion search.
+  min_rec_t* q_log(int beg, int end, int ch, int eventType, int& num);
+  min_rec_t* q_motion(int beg, int end, int ch, int& num);
+  min_rec_t* q_motionMask(int beg, int end, int ch, int& num, unsigned int* mask, int words);
+
+  // Playback cursor.
+  int r_set(int t, int end);
+  head_t* r_head();
+  int r_data(void* buf, int len);
+  int r_offset_data(void* buf, int off, int len);
+  int r_seek(int dir);
+  int r_next(int dir);
+  int r_next_min(int dir);
+  int sem_mode(int mode);
+  void print();
+
+  // Key-frame seeking.
+  int r_Iseek(int dir, bool second, int mask, int step);
+  int Seek_V2(int pos, frame_info_t* table, int count, int mask, int dir, int step, int last);
+  int QuickSync(frame_info_t* table, int count, int mask, int dir);
+
+  // Backup selection and source reading.
+  int bk_set(int beg, int end, int chbits);
+  int bk_multi_set(int* beg, int* end, int* chbits, int n);
+  int bk_read(int ch, fs_db* db, entry_t& e, int& off, head_t& h, q_t* q);
+  int bk_multi_read(int ch, int slot, fs_db* db, entry_t& e, int& off, head_t& h, q_t* q);
+  int bk_check(frame_head_t* f, int& ch);
+  int bk_check_LQ(frame_head_t* f, int& ch);
+  void bk_sem(int v, int ret);
+  void bk_multi_sem(int v, int ret);
+  int bk_over();
+  int bk_clr();
+  int bk_close(FILE* out, int item, unsigned& a, unsigned& b);
+
+  // IRF backup files.
+  int bk_irf_write_frame(FILE* out, frame_head_t* f, char const* data);
+  int bk_irf_write_frame(FILE* out, frame_head_t* f, char const* data, int link);
+  int bk_irf_write(FILE* out, int item, int chbits, int& started);
+  int bk_multi_irf_write(FILE* out, int item, int ch, int& lastkey, bool audio);
+
+  // MP4 export.
+  int bk_phase_one(char const* dir, int beg, int end, int chbits, char* plan);
+  int bk_phase_one_substream(char const* dir, int beg, int end, int chbits, char* plan);
+  int bk_phase_two(FILE* out, char const* name, int ch, int size, int item, int entry,
+                   int offset);
+  int bk_phase_two_substream(FILE* out, char const* name, int ch, int size, int item, int entry,
+                             int offset);
+  int bk_phase_oneWithTARVO(char const* dir, int beg, int end, int chbits, m4vbackupInfo* info);
+  int bk_phase_twoWithTARVO(FILE* out, m4vbackupInfo* info);
+  int write_to_m4vbackupInfo(m4vbackupInfo* info, char const* name, int size, int item,
+                             int entry, int offset, int time, int n);
+  int bk_write(FILE* out, int item, int ch, int& time, unsigned& width, unsigned& height,
+               unsigned& fps);
+  int bk_multi_m4v_write(FILE* out, int item, int ch, int& time, unsigned& width,
+                         unsigned& height, unsigned& fps, bool audio);
+  int bk_multi_m4v_close(FILE* out, unsigned& pos, unsigned& size);
+
+  // OEM frame format.
+  int bk_kesto_write_frame(FILE* out, frame_head_t* f, char const* data, int time, int prevlen);
+  int bk_kesto_write(FILE* out, int item, int chbits, int& ftime);
+
+  // IRF files on USB.
+  int usb_open_irf(char const* path);
+  int usb_check_irf_header(FILE* f);
+  void usb_reset_irf(int& size);
+  irf_frame_rec_t* usb_read_video_header(int dir);
+  void usb_read_video_data(void* dst, int n);
+  long usb_irf_position();
+  void usb_close_irf();
+  bool usb_isOpenFile();
 
   // Internal helpers of the recording room.
   void clear_writer(bool keep_err);

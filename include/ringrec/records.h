@@ -242,4 +242,78 @@ static_assert(offsetof(event_t, Sensor) == 12, "event_t.Sensor");
 static_assert(offsetof(event_t, mask) == 16, "event_t.mask");
 static_assert(offsetof(event_t, zero) == 32, "event_t.zero");
 
+#pragma pack(push, 1)
+
+// Motion record of one minute, 15656 bytes, a stored block at data offset 0 of the
+// minute entry (see block.h).
+//   off    size  field
+//     0     288  head   type 4, size 15360, word 7 = 20 (W, grid words per channel),
+//                       word 8 = 0x10, word 10 = channels that reported motion
+//   288   15360  grid   6 snapshots of 10 s x 32 channels x 20 mask words; channel n of
+//                       snapshot s at 288 + s*W*128 + n*W*4
+// 15648       8  tail   0xFFFFEDCB, 15360
+struct motion_rec_t {
+  head_t head;
+  uint32_t grid[6][32][20];
+  uint32_t tail[2];
+};
+
+// Event log record of one minute, 1448 bytes, a stored block at data offset 15656.
+//   off  size  field
+//     0   288  head   type 8, size 1152, word 7 = 6, word 8 = 0x100
+//   288  1152  rows   12 slots of 5 s, one event_t each
+//  1440     8  tail   0xFFFFEDCB, 1152
+struct log_rec_t {
+  head_t head;
+  event_t rows[12];
+  uint32_t tail[2];
+};
+
+// Hour record, 16 bytes: an hour entry from its time field on (entry offset 68).
+//   off size field
+//     0    4 time      first block of the hour entry
+//     4    8 mask      bit m: minute m of the hour holds recording
+//    12    4 events    OR of the event bits of its minutes
+struct hour_rec_t {
+  int32_t time;
+  uint64_t mask;
+  uint32_t events;
+};
+
+// Minute record, 144 bytes: a minute entry from its time field on (entry offset 68).
+//   off size field
+//     0    4 time      first block of the minute
+//     4    8 mask      bit s: second s of the minute holds a block
+//    12    4 events    OR of word 10 of its blocks
+//    16  128 count[32] frames per channel (sum of head word 13 + ch)
+struct min_rec_t {
+  int32_t time;
+  uint64_t mask;
+  uint32_t events;
+  int32_t count[32];
+};
+
+#pragma pack(pop)
+
+static_assert(sizeof(motion_rec_t) == 15656, "motion record is 15656 bytes");
+static_assert(offsetof(motion_rec_t, head) == 0, "motion_rec_t.head");
+static_assert(offsetof(motion_rec_t, grid) == 288, "motion_rec_t.grid");
+static_assert(offsetof(motion_rec_t, tail) == 15648, "motion_rec_t.tail");
+static_assert(sizeof(log_rec_t) == 1448, "event log record is 1448 bytes");
+static_assert(offsetof(log_rec_t, head) == 0, "log_rec_t.head");
+static_assert(offsetof(log_rec_t, rows) == 288, "log_rec_t.rows");
+static_assert(offsetof(log_rec_t, tail) == 1440, "log_rec_t.tail");
+
+static_assert(sizeof(hour_rec_t) == 16, "hour record is 16 bytes");
+static_assert(offsetof(hour_rec_t, time) == 0, "hour_rec_t.time");
+static_assert(offsetof(hour_rec_t, mask) == 4, "hour_rec_t.mask");
+static_assert(offsetof(hour_rec_t, events) == 12, "hour_rec_t.events");
+static_assert(sizeof(min_rec_t) == 144, "minute record is 144 bytes");
+static_assert(offsetof(min_rec_t, time) == 0, "min_rec_t.time");
+static_assert(offsetof(min_rec_t, mask) == 4, "min_rec_t.mask");
+static_assert(offsetof(min_rec_t, events) == 12, "min_rec_t.events");
+static_assert(offsetof(min_rec_t, count) == 16, "min_rec_t.count");
+static_assert(sizeof(entry_t) - offsetof(entry_t, time) >= sizeof(min_rec_t),
+              "a minute record fits in an entry from its time field on");
+
 #endif

@@ -3,6 +3,9 @@
 #define RINGREC_RINGREC_H
 
 #include <ringrec/records.h>
+#include <ringrec/block.h>
+#include <ringrec/irf.h>
+#include <ringrec/oem.h>
 #include <ringrec/fs_io.h>
 #include <ringrec/fs_db.h>
 #include <ringrec/fs_mp4.h>

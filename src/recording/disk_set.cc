@@ -101,7 +101,7 @@ fs_app::fs_app()
   memset(events, 0, sizeof events);
   memset(&bk_state, 0, sizeof bk_state);
   memset(&bk_multi_state, 0, sizeof bk_multi_state);
-  memset(usb_rec, 0, sizeof usb_rec);
+  memset(&usb_rec, 0, sizeof usb_rec);
   memset(usb_data, 0, sizeof usb_data);
 }
 

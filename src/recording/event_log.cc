@@ -10,9 +10,9 @@
 
 namespace {
 
-const int kMotionOff = 0;
-const int kLogOff = sizeof(motion_rec_t);               // 15656
-const int kLogDataOff = kLogOff + sizeof(head_t);       // 15944
+const int kMotionOff = MINUTE_MOTION_OFF;
+const int kLogOff = MINUTE_LOG_OFF;
+const int kLogDataOff = MINUTE_LOG_DATA_OFF;
 const int kMotionPayload = sizeof(motion_rec_t::grid);  // 15360
 const int kLogPayload = sizeof(log_rec_t::rows);        // 1152
 const int kMotionSlots = 6;
@@ -20,20 +20,14 @@ const int kMotionRowWords = 20;
 const int kMotionChannels = 32;
 
 void fill_head(head_t& h, uint32_t type, int32_t time, int32_t size, uint32_t w7, uint32_t w8) {
-  h.sync = 0x1234;
   h.type = type;
   h.time = time;
-  h.size = size;
   h.frames = w7;
   h.types = w8;
-  h.magic = static_cast<uint32_t>(time) ^ static_cast<uint32_t>(size);
+  block_seal(h, size);
 }
 
-bool head_ok(const head_t& h, uint32_t type) {
-  return h.sync == 0x1234 &&
-         h.magic == (static_cast<uint32_t>(h.time) ^ static_cast<uint32_t>(h.size)) &&
-         h.type == type;
-}
+bool head_ok(const head_t& h, uint32_t type) { return block_head_valid(h) && h.type == type; }
 
 unsigned char* ensure(unsigned char*& buf, size_t n) {
   if (buf == nullptr) buf = static_cast<unsigned char*>(malloc(n));
@@ -74,10 +68,9 @@ int fs_app::create_motion_info(fs_db* db) {
   if (min_e.size != 0) return 0;
   pthread_mutex_lock(&motion_mutex);
   memset(&motion_info, 0, sizeof motion_info);
-  fill_head(motion_info.head, 4, static_cast<int32_t>(fs_time()), kMotionPayload, kMotionRowWords,
-            0x10);
-  motion_info.tail[0] = 0xFFFFEDCB;
-  motion_info.tail[1] = kMotionPayload;
+  fill_head(motion_info.head, BLOCK_MOTION, static_cast<int32_t>(fs_time()), kMotionPayload,
+            kMotionRowWords, BLOCK_CODE_MOTION);
+  block_tail(motion_info.tail, kMotionPayload);
   unsigned char* buf = ensure(motion_buf, sizeof motion_info);
   if (buf != nullptr) memcpy(buf, &motion_info, sizeof motion_info);
   pthread_mutex_unlock(&motion_mutex);
@@ -92,9 +85,9 @@ int fs_app::create_motion_info(fs_db* db) {
 int fs_app::create_log_info(fs_db* db) {
   pthread_mutex_lock(&log_mutex);
   memset(&log_info, 0, sizeof log_info);
-  fill_head(log_info.head, 8, static_cast<int32_t>(fs_time()), kLogPayload, 6, 0x100);
-  log_info.tail[0] = 0xFFFFEDCB;
-  log_info.tail[1] = kLogPayload;
+  fill_head(log_info.head, BLOCK_LOG, static_cast<int32_t>(fs_time()), kLogPayload, 6,
+            BLOCK_CODE_LOG);
+  block_tail(log_info.tail, kLogPayload);
   unsigned char* buf = ensure(log_buf, sizeof log_info);
   if (buf != nullptr) memcpy(buf, &log_info, sizeof log_info);
   pthread_mutex_unlock(&log_mutex);
@@ -108,7 +101,7 @@ int fs_app::create_log_info(fs_db* db) {
 
 int fs_app::writeback_motion_info(fs_db* db) {
   head_t h;
-  if (db->d_read(min_e, kMotionOff, sizeof h, &h) != 0 || !head_ok(h, 4)) return -1;
+  if (db->d_read(min_e, kMotionOff, sizeof h, &h) != 0 || !head_ok(h, BLOCK_MOTION)) return -1;
   pthread_mutex_lock(&motion_mutex);
   unsigned char* buf = ensure(motion_buf, sizeof motion_info);
   if (buf != nullptr) memcpy(buf, &motion_info, sizeof motion_info);
@@ -120,7 +113,7 @@ int fs_app::writeback_motion_info(fs_db* db) {
 int fs_app::writeback_log_info(fs_db* db) {
   head_t h;
   if (db->d_read(min_e, kLogOff, sizeof h, &h) != 0) return -1;
-  if (!head_ok(h, 8)) {
+  if (!head_ok(h, BLOCK_LOG)) {
     fs_log("writeback_log_info", 4465, "head.type: 0x%X\n", h.type);
     return -1;
   }
@@ -134,7 +127,7 @@ int fs_app::writeback_log_info(fs_db* db) {
 
 void fs_app::read_Log_info(fs_db* db, int) {
   head_t h;
-  bool ok = db != nullptr && db->d_read(r_cur.min, kLogOff, sizeof h, &h) == 0 && head_ok(h, 8);
+  bool ok = db != nullptr && db->d_read(r_cur.min, kLogOff, sizeof h, &h) == 0 && head_ok(h, BLOCK_LOG);
   if (ok) {
     // The table holds 12 rows; a longer or negative size read from the disk is cut to
     // what fits.

@@ -12,8 +12,7 @@
 
 namespace {
 
-const uint32_t kTailSync = 0xFFFFEDCB;
-const int kOverhead = sizeof(head_t) + 8;  // 296
+const int kOverhead = BLOCK_OVERHEAD;
 
 // Grows a table to hold n entries of `size` bytes; false when memory runs out.
 template <typename T>
@@ -44,13 +43,12 @@ int fs_app::writeback_Iframe_info(fs_db* db) {
     }
     head_t h;
     memset(&h, 0, sizeof h);
-    h.sync = 0x1234;
-    h.type = pass == 0 ? 10 : 9;
+    h.type = pass == 0 ? BLOCK_INDEX_HQ : BLOCK_INDEX_LQ;
     h.time = static_cast<int32_t>(fs_time());
-    h.size = n;
-    h.magic = static_cast<uint32_t>(h.time) ^ static_cast<uint32_t>(n);
-    h.types = pass == 0 ? 0x4000 : 0x2000;
-    uint32_t tail[2] = {kTailSync, static_cast<uint32_t>(n)};
+    block_seal(h, n);
+    h.types = pass == 0 ? BLOCK_CODE_INDEX_HQ : BLOCK_CODE_INDEX_LQ;
+    uint32_t tail[2];
+    block_tail(tail, n);
     memcpy(iframe_buf, &h, sizeof h);
     if (n > 0) memcpy(iframe_buf + sizeof h, v.data(), static_cast<size_t>(n));
     memcpy(iframe_buf + sizeof h + n, tail, sizeof tail);
@@ -75,18 +73,12 @@ namespace {
 // unreadable rather than followed.
 bool read_record(fs_db* db, entry_t& e, int end, head_t& h, int& size, const char* fn,
                  int tail_line, int head_line) {
-  int32_t tail[2] = {0, 0};
-  if (end < 8 || db->d_read(e, end - 8, 8, tail) != 0) {
-    fs_log(fn, tail_line, "Read tail file fail.\n");
-    return false;
-  }
-  size = tail[1];
-  long long at = static_cast<long long>(end) - 8 - size - static_cast<long long>(sizeof(head_t));
-  if (size < 0 || at < 0 || db->d_read(e, static_cast<int>(at), sizeof h, &h) != 0) {
-    fs_log(fn, head_line, "Read head file fail.\n");
-    return false;
-  }
-  return true;
+  int32_t sz = 0;
+  int r = block_read_ending_at(*db, e, end, h, sz);
+  size = sz;
+  if (r == -1) fs_log(fn, tail_line, "Read tail file fail.\n");
+  if (r == -2) fs_log(fn, head_line, "Read head file fail.\n");
+  return r == 0;
 }
 
 // The two layouts an index record of one stream may have: word 8 marks bare 8-byte
@@ -97,8 +89,8 @@ struct index_layouts {
   int old_kind, new_kind;
   int old_line, new_line;
 };
-const index_layouts kLqLayouts = {0x200, 0x2000, 9, 13, 1769, 0};
-const index_layouts kHqLayouts = {0x400, 0x4000, 10, 14, 1852, 1876};
+const index_layouts kLqLayouts = {BLOCK_CODE_OFFS_LQ, BLOCK_CODE_INDEX_LQ, 9, 13, 1769, 0};
+const index_layouts kHqLayouts = {BLOCK_CODE_OFFS_HQ, BLOCK_CODE_INDEX_HQ, 10, 14, 1852, 1876};
 
 // Loads the payload of `size` bytes at `data` into s and places its current entry on
 // the last (dir < 0) or the first key frame. 1 loaded; 0 an unknown layout (s is left
@@ -149,14 +141,14 @@ void fs_app::read_Iframe_info(fs_db* db, int dir) {
     lq.count = hq.count = 0;
     return;
   }
-  if (h.type != 9) return;
+  if (h.type != BLOCK_INDEX_LQ) return;
   int r = load_index(db, e, S - 8 - size, size, h.types, lq, kLqLayouts, dir);
   if (r < 0) lq.count = hq.count = 0;
   if (r <= 0) return;
 
   // The HQ record ends where the LQ record begins.
   int hq_end = S - kOverhead - size;
-  if (!read_record(db, e, hq_end, h, size, "read_Iframe_info", 1819, 1825) || h.type != 10 ||
+  if (!read_record(db, e, hq_end, h, size, "read_Iframe_info", 1819, 1825) || h.type != BLOCK_INDEX_HQ ||
       load_index(db, e, hq_end - 8 - size, size, h.types, hq, kHqLayouts, dir) <= 0)
     hq.count = 0;
 }

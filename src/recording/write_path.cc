@@ -22,7 +22,7 @@ const int kMaxChannels = 59;
 
 void append_key(std::vector<frame_info_t>& lq, std::vector<frame_info_t>& hq, uint32_t stream,
                 const frame_info_t& fi) {
-  if (stream == 3) {
+  if (stream == BLOCK_STREAM_SUB) {
     lq.push_back(fi);
   } else if (stream == 0 || stream == 1) {
     lq.push_back(fi);
@@ -33,7 +33,7 @@ void append_key(std::vector<frame_info_t>& lq, std::vector<frame_info_t>& hq, ui
 }
 
 void drop_key(std::vector<frame_info_t>& lq, std::vector<frame_info_t>& hq, uint32_t stream) {
-  if (stream == 3) {
+  if (stream == BLOCK_STREAM_SUB) {
     if (!lq.empty()) lq.pop_back();
   } else if (stream == 0 || stream == 1) {
     if (!lq.empty()) lq.pop_back();
@@ -135,7 +135,7 @@ int fs_app::db_write(fs_db* db, int time, int len, const void* block) {
     return -1;
   }
 
-  bool key = (h.types & 0x801) != 0;
+  bool key = (h.types & BLOCK_KEY_BITS) != 0;
   if (key) {
     frame_info_t fi;
     fi.offset = min_e.size;

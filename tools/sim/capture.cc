@@ -1,6 +1,7 @@
 #include "sim/capture.h"
 
 #include <ringrec/fs_io.h>
+#include <ringrec/block.h>
 #include <ringrec/records.h>
 #include <stdio.h>
 #include <string.h>
@@ -217,7 +218,6 @@ struct block_builder {
   std::string data;
   explicit block_builder(int time, uint32_t stream, uint32_t tick) {
     memset(&h, 0, sizeof h);
-    h.sync = 0x1234;
     h.type = 1;
     h.time = time;
     h.stream = stream;
@@ -233,11 +233,11 @@ struct block_builder {
   }
   std::string finish(uint32_t events) {
     h.events |= events;
-    h.size = static_cast<int32_t>(data.size());
-    h.magic = static_cast<uint32_t>(h.time) ^ static_cast<uint32_t>(h.size);
+    block_seal(h, static_cast<int32_t>(data.size()));
     std::string out(reinterpret_cast<const char*>(&h), sizeof h);
     out += data;
-    uint32_t tail[2] = {0xFFFFEDCB, static_cast<uint32_t>(h.size)};
+    uint32_t tail[2];
+    block_tail(tail, h.size);
     out.append(reinterpret_cast<const char*>(tail), sizeof tail);
     return out;
   }
