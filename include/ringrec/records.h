@@ -151,7 +151,7 @@ struct head_t {
 //    16    4 fps       video frame rate
 //    20    5 w5        capture side
 //    24    6 w6        capture side
-//    28    7 stream    stream number (0 main, 1 substream)
+//    28    7 stream    0/1 either stream, 2 main (HQ), 3 substream (LQ)
 //    32    8 w8        capture side
 //    36    9 size      data length as handed to exporters
 //    40   10 len       data length in bytes

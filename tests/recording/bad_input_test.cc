@@ -2,7 +2,7 @@
 // values and messages, no crash, and nothing already recorded lost.
 #include <gtest/gtest.h>
 
-#include "recording/rec_util.h"
+#include "kit/recorder.h"
 
 namespace {
 

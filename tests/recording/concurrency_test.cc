@@ -5,7 +5,7 @@
 #include <atomic>
 #include <thread>
 
-#include "recording/rec_util.h"
+#include "kit/recorder.h"
 
 namespace {
 

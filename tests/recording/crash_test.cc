@@ -7,7 +7,7 @@
 #include <map>
 #include <set>
 
-#include "recording/rec_util.h"
+#include "kit/recorder.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include <map>
 
-#include "recording/rec_util.h"
+#include "kit/recorder.h"
 
 namespace {
 

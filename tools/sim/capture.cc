@@ -272,7 +272,7 @@ void capture::next(std::vector<std::string>& blocks) {
     for (int ch = 0; ch < spec_.channels; ch++) {
       bool key = false;
       std::string v = video_frame(ch, false, n, key);
-      main.add(video_head(codec_, key, ch, spec_.main_w, spec_.main_h, spec_.fps, 0, v.size()), v);
+      main.add(video_head(codec_, key, ch, spec_.main_w, spec_.main_h, spec_.fps, 2, v.size()), v);
       if (spec_.audio) {
         std::string a = audio_frame(ch, n);
         frame_head_t f;
@@ -287,7 +287,7 @@ void capture::next(std::vector<std::string>& blocks) {
       }
       if (spec_.substream) {
         std::string s = video_frame(ch, true, n, key);
-        sub.add(video_head(codec_, key, ch, spec_.sub_w, spec_.sub_h, spec_.fps, 1, s.size()), s);
+        sub.add(video_head(codec_, key, ch, spec_.sub_w, spec_.sub_h, spec_.fps, 3, s.size()), s);
       }
     }
   }

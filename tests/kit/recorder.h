@@ -1,7 +1,7 @@
-// Shared helpers of the recording suites: a recorder on a simulated board, driven by
+// Shared helpers of the recording, playback and backup suites: a recorder on a simulated board, driven by
 // the capture simulator on a fake clock, and read-back of what it stored through fs_db.
-#ifndef RINGREC_TESTS_RECORDING_REC_UTIL_H
-#define RINGREC_TESTS_RECORDING_REC_UTIL_H
+#ifndef RINGREC_TESTS_KIT_RECORDER_H
+#define RINGREC_TESTS_KIT_RECORDER_H
 
 #include <ringrec/fs_app.h>
 

@@ -1,4 +1,4 @@
-#include "recording/rec_util.h"
+#include "kit/recorder.h"
 
 #include <gtest/gtest.h>
 #include <string.h>
