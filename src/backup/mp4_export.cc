@@ -402,9 +402,12 @@ int write_planned(fs_app& app, const char* fn, bool lq, FILE* out, int ch, int s
       if (!r.load(k)) break;
       if (!pb::is_min(r.e)) continue;
     }
+    // Cancelled between entries: the file keeps what it has, without its moov.
+    if (bk_cancelled()) break;
     if (walk_entry(r, [&](const frame& fr) { return w.put(fr); }) == 1) return w.result();
   }
-  // The entries ran out before the budget: the file stays without its moov.
+  // The entries ran out before the budget (or the run was cancelled): the file stays
+  // without its moov.
   return 0;
 }
 
@@ -492,7 +495,8 @@ int fs_app::bk_phase_twoWithTARVO(FILE* out, m4vbackupInfo* info) {
         if (!r.load(k)) break;
         if (!pb::is_min(r.e)) continue;
       }
-      fs_log(fn, 3347, "%d, %s\n", k, r.e.name);
+      fs_log(fn, 3347, "%d, %.32s\n", k, r.e.name);
+      if (bk_cancelled()) return 0;
       int got = walk_entry(r, [&](const frame& fr) {
         if (!started && !frame_is_key(fr.f.type)) return kGoOn;
         started = true;
