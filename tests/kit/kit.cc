@@ -182,8 +182,7 @@ long long recording_pwrite(int fd, const void* buf, int n, long long off) {
     std::lock_guard<std::mutex> g(rec_mutex);
     if (rec_active != nullptr)
       rec_active->ops_.push_back(
-          {fd_path(fd), off, std::string(static_cast<const char*>(buf), static_cast<size_t>(r)),
-           false});
+          {fd_path(fd), off, std::string(static_cast<const char*>(buf), static_cast<size_t>(r))});
   }
   return r;
 }
@@ -192,7 +191,7 @@ int recording_fsync(int fd) {
   WriteRecorder* r0 = rec_active;
   int r = r0->next_fsync_(fd);
   std::lock_guard<std::mutex> g(rec_mutex);
-  if (rec_active != nullptr) rec_active->ops_.push_back({fd_path(fd), -1, std::string(), true});
+  if (rec_active != nullptr) rec_active->syncs_.push_back({fd_path(fd), rec_active->ops_.size()});
   return r;
 }
 }  // namespace
@@ -229,20 +228,18 @@ std::vector<size_t> WriteRecorder::writes_to(const std::string& path) const {
   std::string want = canonical(path);
   std::vector<size_t> v;
   for (size_t i = 0; i < ops_.size(); i++)
-    if (!ops_[i].sync && ops_[i].path == want) v.push_back(i);
+    if (ops_[i].path == want) v.push_back(i);
   return v;
 }
 
 std::vector<size_t> WriteRecorder::syncs_of(const std::string& path) const {
   std::string want = canonical(path);
   std::vector<size_t> v;
-  size_t writes = 0;
-  for (const Op& op : ops_) {
-    if (op.path != want) continue;
-    if (op.sync)
-      v.push_back(writes);
-    else
-      writes++;
+  size_t writes = 0, seen = 0;
+  for (const auto& s : syncs_) {
+    for (; seen < s.second; seen++)
+      if (ops_[seen].path == want) writes++;
+    if (s.first == want) v.push_back(writes);
   }
   return v;
 }

@@ -97,12 +97,11 @@ public:
     std::string path;
     long long off;
     std::string bytes;
-    bool sync;  // an fsync that returned (off and bytes unused)
   };
   WriteRecorder();
   ~WriteRecorder();
   void stop();
-  const std::vector<Op>& ops() const { return ops_; }
+  const std::vector<Op>& ops() const { return ops_; }  // the writes, in order
   // Indices into ops() of the writes to path, in order.
   std::vector<size_t> writes_to(const std::string& path) const;
   // For every fsync of path that returned: how many writes to path preceded it.
@@ -114,6 +113,7 @@ public:
 
   // Hooks' state; internal.
   std::vector<Op> ops_;
+  std::vector<std::pair<std::string, size_t>> syncs_;  // path, ops_.size() at its return
   WriteRecorder* prev_ = nullptr;
   long long (*next_pwrite_)(int, const void*, int, long long) = nullptr;
   int (*next_fsync_)(int) = nullptr;
