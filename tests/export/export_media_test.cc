@@ -141,6 +141,50 @@ struct Media : xk::Recorder {
   }
 };
 
+// What the page in Chromium reported for one file, as "key": value pairs.
+double field(const std::string& json, const std::string& key) {
+  size_t p = json.find("\"" + key + "\": ");
+  return p == std::string::npos ? -1 : atof(json.c_str() + p + key.size() + 4);
+}
+
+// A real browser plays the two-phase H.264 export to its end, with and without the PCM
+// track, from a page on a local HTTP server.
+void browser_plays(Media& t, bool audio) {
+  t.record_real(kH264, audio);
+  if (t.HasFatalFailure()) return;
+  ASSERT_EQ(0, system("command -v chromium >/dev/null 2>&1"))
+      << "Chromium is needed for this test: apt-get install chromium";
+  audtype = 2;
+  t.end = t.beg + 2;  // about three seconds of pictures: played in real time
+  std::string plan;
+  std::vector<xk::out_file> v = xk::two_phase(*t.app, t.out.path(), t.beg, t.end, 0x1, false, &plan);
+  audtype = 0;
+  ASSERT_EQ(1u, v.size()) << plan;
+  std::string name = v[0].path.substr(v[0].path.rfind('/') + 1);
+  int st = -1;
+  std::string json = media::run(std::string("python3 ") + EXPORT_BROWSER_SCRIPT + " " +
+                                    t.out.path() + " " + name + " 30",
+                                &st);
+  ASSERT_EQ(0, st) << json;
+  int frames = xk::video_count(xk::expected(t.blocks, t.beg, t.end, 0, 2));
+  EXPECT_EQ(320, field(json, "width")) << json;
+  EXPECT_EQ(240, field(json, "height")) << json;
+  EXPECT_EQ(0, field(json, "error")) << json;
+  double duration = field(json, "duration");
+  EXPECT_NEAR(frames / 25.0, duration, 0.1) << json;
+  EXPECT_GE(field(json, "currentTime"), duration - 0.05) << json;
+  EXPECT_GT(field(json, "video"), 0) << json;
+  if (audio) {
+    EXPECT_GT(field(json, "audio"), 0) << json;
+  } else {
+    EXPECT_EQ(0, field(json, "audio")) << json;
+  }
+  fprintf(stderr, "chromium reported: %s", json.c_str());
+}
+
+TEST_F(Media, ChromiumPlaysH264WithPcmToTheEnd) { browser_plays(*this, true); }
+TEST_F(Media, ChromiumPlaysH264WithoutSoundToTheEnd) { browser_plays(*this, false); }
+
 TEST_F(Media, H264WithAdpcmAudioEveryWay) { all_ways(kH264, true); }
 TEST_F(Media, H264WithoutAudioEveryWay) { all_ways(kH264, false); }
 TEST_F(Media, H265WithAdpcmAudioEveryWay) { all_ways(kH265, true); }
