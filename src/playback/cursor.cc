@@ -69,7 +69,7 @@ static void build_hours(fs_app& a, bool filter, int t, int end, const char* fn, 
     fs_db* db = a.db_info[i].db;
     if (db == nullptr || db->q_key() == 0) continue;
     entryX_t x;
-    int r = read_table(db, 0, x, root);
+    int r = read_table(db, nullptr, x, root);
     if (r == -1) fs_log(fn, line, "ERR\n");
     if (r != 0) continue;
     // Locations keep 16 bits of root index; entries past that cannot be addressed
@@ -116,7 +116,7 @@ int fs_app::r_set(int t, int end) {
     // entry visited, so a clear bit takes nothing and no entry need be read.
     hour_rec_t hr = hour_rec(c.hour);
     if (xr == 0 && (hr.mask >> minute_of_hour(t) & 1)) {
-      int n = table_len(c.db, x);
+      int n = table_len(c.db, x, &c.hour);
       for (int i = 0; i < n; i++) {
         entry_t m;
         if (c.db->e_read(x, i, m) != 0) continue;
@@ -153,7 +153,7 @@ int fs_app::r_set(int t, int end) {
         fs_log("r_set", 2142, "%.32s\n", h.name);
         continue;
       }
-      int n = table_len(db, x);
+      int n = table_len(db, x, &h);
       for (int i = 0; i < n; i++) {
         entry_t m;
         if (db->e_read(x, i, m) != 0) continue;
@@ -284,7 +284,7 @@ int fs_app::r_next_min(int dir) {
     } else {
       // The current hour again, by name: recycling removes older hours and moves the
       // rest down the root table.
-      int n = table_len(c.db, root);
+      int n = table_len(c.db, root, nullptr);
       int was = c.hour.idx, now = -1;
       entry_t h;
       if (was >= 0 && was < n && c.db->e_read(root, was, h) == 0 && is_hour(h) && same_name(h, c.hour))
@@ -298,7 +298,7 @@ int fs_app::r_next_min(int dir) {
         if (c.db->x_read(hoff, x) != 0) {
           fs_log("r_next_min", 2404, "ERR\n");
         } else {
-          int m_n = table_len(c.db, x);
+          int m_n = table_len(c.db, x, &h);
           for (int i = fwd ? c.min.idx + 1 : c.min.idx - 1; i >= 0 && i < m_n; i += fwd ? 1 : -1) {
             entry_t m;
             if (c.db->e_read(x, i, m) != 0 || !is_min(m) || m.size == 0) continue;
@@ -345,7 +345,7 @@ int fs_app::r_next_min(int dir) {
       fs_log("r_next_min", 2476, "%.32s\n", h.name);
       continue;
     }
-    int m_n = table_len(db, x);
+    int m_n = table_len(db, x, &h);
     for (int i = fwd ? 0 : m_n - 1; i >= 0 && i < m_n; i += fwd ? 1 : -1) {
       entry_t m;
       if (db->e_read(x, i, m) != 0 || !is_min(m) || m.size == 0) continue;

@@ -28,7 +28,7 @@ hour_rec_t* fs_app::q_hour(int beg, int end, int& num) {
     fs_db* db = db_info[i].db;
     if (db == nullptr || db->q_key() == 0) continue;
     entryX_t x;
-    int r = read_table(db, 0, x, root);
+    int r = read_table(db, nullptr, x, root);
     if (r == -1) fs_log("q_hour", 1563, "ERR\n");
     if (r != 0) continue;
     for (const entry_t& e : root) {
@@ -49,13 +49,13 @@ min_rec_t* fs_app::q_min(int beg, int end, int& num) {
     fs_db* db = db_info[i].db;
     if (db == nullptr || db->q_key() == 0) continue;
     entryX_t x;
-    int r = read_table(db, 0, x, root);
+    int r = read_table(db, nullptr, x, root);
     if (r == -1) fs_log("q_min", 1612, "ERR\n");
     if (r != 0) continue;
     for (const entry_t& h : root) {
       if (!is_hour(h) || !hour_in(h.time, beg, end)) continue;
       entryX_t hx;
-      r = read_table(db, h.offset, hx, mins);
+      r = read_table(db, &h, hx, mins);
       if (r == -1) fs_log("q_min", 1628, "ERR\n");
       if (r != 0) continue;
       for (const entry_t& m : mins) {
@@ -88,7 +88,7 @@ void fs_app::q_time(int num, int* times) {
     fs_db* db = db_info[d].db;
     if (db == nullptr || db->q_key() == 0) continue;
     entryX_t x;
-    int r = read_table(db, 0, x, root);
+    int r = read_table(db, nullptr, x, root);
     if (r == -1) fs_log("q_time", 1686, "ERR\n");
     if (r != 0) continue;
     for (const entry_t& e : root) {
@@ -124,13 +124,13 @@ void walk_minutes(fs_app& app, int beg, int end, const char* fn, int root_line, 
     fs_db* db = app.db_info[i].db;
     if (db == nullptr || db->q_key() == 0) continue;
     entryX_t x;
-    int r = read_table(db, 0, x, root);
+    int r = read_table(db, nullptr, x, root);
     if (r == -1) fs_log(fn, root_line, "ERR\n");
     if (r != 0) continue;
     for (const entry_t& h : root) {
       if (!is_hour(h) || !hour_in(h.time, beg, end)) continue;
       entryX_t hx;
-      r = read_table(db, h.offset, hx, mins);
+      r = read_table(db, &h, hx, mins);
       if (r == -1) fs_log(fn, hour_line, "ERR\n");
       if (r != 0) continue;
       int n = static_cast<int>(mins.size());

@@ -41,14 +41,16 @@ inline bool min_in(int time, int beg, int end) {
   return beg / 60 <= m && (end == 0 || m <= end / 60);
 }
 
-// Reads the header of the table at xoff (0: the root) and every entry of it in one
-// transfer. The count comes from the disk: it is cut to the entries that can lie
-// where the table is, so a damaged count never asks for gigabytes. The entries go to
-// the heap rather than the stack: a root table of a long-lived disk holds thousands.
+// Reads the header of a table and every entry of it in one transfer: the root table
+// when `owner` is null, else the child table at the start of owner's region. The count
+// comes from the disk: it is cut to the entries that can lie where the table is (the
+// root's room before the ring, a child's inside its owner's region), so a damaged count
+// never asks for gigabytes or a walk of a million entries. The entries go to the heap
+// rather than the stack: a root table of a long-lived disk holds thousands.
 // 0; -1 when the header cannot be read; -2 when the entries cannot (or there are none).
-int read_table(fs_db* db, long long xoff, entryX_t& x, std::vector<entry_t>& v);
+int read_table(fs_db* db, const entry_t* owner, entryX_t& x, std::vector<entry_t>& v);
 // The entry count to visit one by one with e_read, bounded the same way.
-int table_len(fs_db* db, const entryX_t& x);
+int table_len(fs_db* db, const entryX_t& x, const entry_t* owner);
 
 // Appends one record to a result list, growing it by 128 elements; never shrinks.
 // When memory runs out the record is dropped rather than written through a null.

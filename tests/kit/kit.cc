@@ -63,7 +63,16 @@ void make_image(const std::string& path, long long bytes) {
   if (fd >= 0) ::close(fd);
 }
 
+// Present when a sanitizer runtime is linked: where its reports go. They must reach
+// the real standard error, not a capture that a crashing test never reads back.
+extern "C" void __sanitizer_set_report_fd(void* fd) __attribute__((weak));
+
 StderrCapture::StderrCapture() {
+  static bool reports_set = false;
+  if (!reports_set && __sanitizer_set_report_fd != nullptr) {
+    __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<intptr_t>(dup(2))));
+    reports_set = true;
+  }
   TempDir* unused = nullptr;
   (void)unused;
   char tmpl[] = "/tmp/ringrec-stderr-XXXXXX";
