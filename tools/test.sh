@@ -11,7 +11,8 @@ quick=${1:-}
 
 need=()
 for pair in cmake:cmake g++:g++ pkg-config:pkg-config ffmpeg:ffmpeg ffprobe:ffmpeg \
-            qemu-arm:qemu-user arm-linux-gnueabihf-g++:g++-arm-linux-gnueabihf; do
+            qemu-arm:qemu-user arm-linux-gnueabihf-g++:g++-arm-linux-gnueabihf \
+            chromium:chromium python3:python3; do
   command -v "${pair%%:*}" >/dev/null 2>&1 || need+=("${pair#*:}")
 done
 [ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest)

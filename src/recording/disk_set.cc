@@ -6,6 +6,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "backup/backup.h"
 #include "runtime/runtime.h"
 
 namespace {
@@ -120,6 +121,10 @@ fs_app::~fs_app() {
   }
   free(hour_list);
   free(min_list);
+  // Backup selections and their MP4 writers, and the IRF file of the USB reader.
+  bk_clr();
+  bk_free_items(bk_multi_state.items, bk_multi_state.cap, bk_multi_state.num);
+  usb_close_irf();
 }
 
 void fs_app::set(int n) { ch_num = n; }

@@ -141,14 +141,24 @@ void fs_app::read_Iframe_info(fs_db* db, int dir) {
     lq.count = hq.count = 0;
     return;
   }
-  if (h.type != BLOCK_INDEX_LQ) return;
+  // A minute still being written (or closed on a full disk) ends with a frame block:
+  // it has no index, and the previous minute's tables must not be used on it.
+  if (h.type != BLOCK_INDEX_LQ) {
+    lq.count = hq.count = 0;
+    return;
+  }
   int r = load_index(db, e, S - 8 - size, size, h.types, lq, kLqLayouts, dir);
   if (r < 0) lq.count = hq.count = 0;
   if (r <= 0) return;
 
   // The HQ record ends where the LQ record begins.
   int hq_end = S - kOverhead - size;
-  if (!read_record(db, e, hq_end, h, size, "read_Iframe_info", 1819, 1825) || h.type != BLOCK_INDEX_HQ ||
-      load_index(db, e, hq_end - 8 - size, size, h.types, hq, kHqLayouts, dir) <= 0)
+  if (!read_record(db, e, hq_end, h, size, "read_Iframe_info", 1819, 1825) || h.type != BLOCK_INDEX_HQ) {
     hq.count = 0;
+    return;
+  }
+  // Loaded as the LQ record is: a payload that cannot be read clears both streams.
+  r = load_index(db, e, hq_end - 8 - size, size, h.types, hq, kHqLayouts, dir);
+  if (r < 0) lq.count = hq.count = 0;
+  if (r == 0) hq.count = 0;
 }

@@ -18,7 +18,9 @@ int fs_db::e_read(entryX_t& x, int i, entry_t& e) {
     } else if (checksum(&e, kEntryWords) != sb.key) {
       fs_log_hdd("e_read", 700, hdd, "ERR, CHECKSUM");
     } else {
-      e_err_cnt = 0;
+      // Written only when set: a backup reads the volume the recorder is writing,
+      // and a good read must not store into the state the other thread reads.
+      if (e_err_cnt != 0) e_err_cnt = 0;
       return 0;
     }
     // Counts 0, 1, 2 for a fresh offset; an entry that failed before continues its

@@ -188,7 +188,9 @@ int fs_db::x_read(long long off, entryX_t& x) {
     } else if (checksum(&x, kHeaderWords) != sb.key) {
       fs_log_hdd("x_read", 588, hdd, "ERR %d, CHECKSUM", x_err_cnt);
     } else {
-      x_err_cnt = 0;
+      // Written only when set: a backup reads the volume the recorder is writing,
+      // and a good read must not store into the state the other thread reads.
+      if (x_err_cnt != 0) x_err_cnt = 0;
       return 0;
     }
     // The memory outlives the call: a header that failed before is given up on after

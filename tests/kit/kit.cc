@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <mutex>
 
 #include <gtest/gtest.h>
@@ -62,7 +63,16 @@ void make_image(const std::string& path, long long bytes) {
   if (fd >= 0) ::close(fd);
 }
 
+// Present when a sanitizer runtime is linked: where its reports go. They must reach
+// the real standard error, not a capture that a crashing test never reads back.
+extern "C" void __sanitizer_set_report_fd(void* fd) __attribute__((weak));
+
 StderrCapture::StderrCapture() {
+  static bool reports_set = false;
+  if (!reports_set && __sanitizer_set_report_fd != nullptr) {
+    __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<intptr_t>(dup(2))));
+    reports_set = true;
+  }
   TempDir* unused = nullptr;
   (void)unused;
   char tmpl[] = "/tmp/ringrec-stderr-XXXXXX";
@@ -163,8 +173,7 @@ FakeClock::~FakeClock() {
 
 namespace {
 std::mutex rec_mutex;
-std::vector<WriteRecorder::Op>* rec_ops = nullptr;
-long long (*rec_next)(int, const void*, int, long long) = nullptr;
+WriteRecorder* rec_active = nullptr;
 
 std::string fd_path(int fd) {
   char link[64], buf[PATH_MAX];
@@ -176,36 +185,48 @@ std::string fd_path(int fd) {
 }
 
 long long recording_pwrite(int fd, const void* buf, int n, long long off) {
-  long long r = rec_next(fd, buf, n, off);
+  WriteRecorder* r0 = rec_active;
+  long long r = r0->next_pwrite_(fd, buf, n, off);
   if (r > 0) {
     std::lock_guard<std::mutex> g(rec_mutex);
-    if (rec_ops != nullptr)
-      rec_ops->push_back({fd_path(fd), off, std::string(static_cast<const char*>(buf),
-                                                        static_cast<size_t>(r))});
+    if (rec_active != nullptr)
+      rec_active->ops_.push_back(
+          {fd_path(fd), off, std::string(static_cast<const char*>(buf), static_cast<size_t>(r))});
   }
   return r;
 }
 
-std::vector<WriteRecorder::Op> recorded;
+int recording_fsync(int fd) {
+  WriteRecorder* r0 = rec_active;
+  int r = r0->next_fsync_(fd);
+  std::lock_guard<std::mutex> g(rec_mutex);
+  if (rec_active != nullptr) rec_active->syncs_.push_back({fd_path(fd), rec_active->ops_.size()});
+  return r;
+}
 }  // namespace
 
 WriteRecorder::WriteRecorder() {
-  recorded.clear();
-  rec_ops = &recorded;
-  rec_next = fs_sys.pwrite;
+  std::lock_guard<std::mutex> g(rec_mutex);
+  prev_ = rec_active;
+  next_pwrite_ = fs_sys.pwrite;
+  next_fsync_ = fs_sys.fsync;
   fs_sys.pwrite = recording_pwrite;
+  fs_sys.fsync = recording_fsync;
+  rec_active = this;
+  live_ = true;
 }
 
+// Recorders stop in the reverse order of their start (the kit only nests them).
 void WriteRecorder::stop() {
-  if (rec_ops == nullptr) return;
-  fs_sys.pwrite = rec_next;
+  if (!live_) return;
   std::lock_guard<std::mutex> g(rec_mutex);
-  rec_ops = nullptr;
+  fs_sys.pwrite = next_pwrite_;
+  fs_sys.fsync = next_fsync_;
+  rec_active = prev_;
+  live_ = false;
 }
 
 WriteRecorder::~WriteRecorder() { stop(); }
-
-const std::vector<WriteRecorder::Op>& WriteRecorder::ops() const { return recorded; }
 
 static std::string canonical(const std::string& p) {
   char buf[PATH_MAX];
@@ -215,19 +236,57 @@ static std::string canonical(const std::string& p) {
 std::vector<size_t> WriteRecorder::writes_to(const std::string& path) const {
   std::string want = canonical(path);
   std::vector<size_t> v;
-  for (size_t i = 0; i < recorded.size(); i++)
-    if (recorded[i].path == want) v.push_back(i);
+  for (size_t i = 0; i < ops_.size(); i++)
+    if (ops_[i].path == want) v.push_back(i);
   return v;
+}
+
+std::vector<size_t> WriteRecorder::syncs_of(const std::string& path) const {
+  std::string want = canonical(path);
+  std::vector<size_t> v;
+  size_t writes = 0, seen = 0;
+  for (const auto& s : syncs_) {
+    for (; seen < s.second; seen++)
+      if (ops_[seen].path == want) writes++;
+    if (s.first == want) v.push_back(writes);
+  }
+  return v;
+}
+
+void copy_image(const std::string& base, const std::string& dst, long long bytes) {
+  int out = ::open(dst.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+  if (out < 0 || ftruncate(out, static_cast<off_t>(bytes)) != 0) {
+    ADD_FAILURE() << "image " << dst;
+    if (out >= 0) ::close(out);
+    return;
+  }
+  if (!base.empty()) {
+    int in = ::open(base.c_str(), O_RDONLY);
+    if (in < 0) ADD_FAILURE() << "image " << base;
+    std::vector<char> buf(1 << 20);
+    off_t pos = 0;
+    while (in >= 0 && (pos = lseek(in, pos, SEEK_DATA)) >= 0) {
+      off_t end = lseek(in, pos, SEEK_HOLE);
+      if (end < 0) end = static_cast<off_t>(bytes);
+      while (pos < end) {
+        size_t n = static_cast<size_t>(std::min<off_t>(end - pos, static_cast<off_t>(buf.size())));
+        ssize_t got = pread(in, buf.data(), n, pos);
+        if (got <= 0 || pwrite(out, buf.data(), static_cast<size_t>(got), pos) != got) {
+          ADD_FAILURE() << "copy " << base << " @" << pos;
+          end = pos;
+          break;
+        }
+        pos += got;
+      }
+    }
+    if (in >= 0) ::close(in);
+  }
+  ::close(out);
 }
 
 void WriteRecorder::replay(const std::string& path, const std::string& base,
                            const std::string& dst, long long bytes, size_t k) const {
-  if (base.empty()) {
-    make_image(dst, bytes);
-  } else {
-    std::string cmd = "cp --sparse=always '" + base + "' '" + dst + "'";
-    if (system(cmd.c_str()) != 0) ADD_FAILURE() << cmd;
-  }
+  copy_image(base, dst, bytes);
   int fd = ::open(dst.c_str(), O_RDWR);
   if (fd < 0) {
     ADD_FAILURE() << "replay " << dst;
@@ -235,7 +294,7 @@ void WriteRecorder::replay(const std::string& path, const std::string& base,
   }
   std::vector<size_t> idx = writes_to(path);
   for (size_t j = 0; j < k && j < idx.size(); j++) {
-    const Op& op = recorded[idx[j]];
+    const Op& op = ops_[idx[j]];
     if (pwrite(fd, op.bytes.data(), op.bytes.size(), static_cast<off_t>(op.off)) !=
         static_cast<ssize_t>(op.bytes.size()))
       ADD_FAILURE() << "replay write " << j;

@@ -85,9 +85,12 @@ public:
   static int sleeps;  // usleep calls since construction
 };
 
-// Records every positioned write reaching any device while it lives, keyed by the path
-// of the descriptor. replay() rebuilds an image as if only the first k writes to it had
-// reached the disk: a power cut after write k.
+// Records every positioned write and every fsync reaching any device while it lives,
+// keyed by the path of the descriptor. Recorders nest: a second one started while the
+// first lives records on its own until it stops (used to capture a check's repairs
+// inside a recorded scenario). replay() rebuilds an image as if only the first k
+// writes to it had reached the disk: a power cut after write k with every earlier
+// write kept (crash.h gives the subsets a real disk may keep).
 class WriteRecorder {
 public:
   struct Op {
@@ -98,14 +101,29 @@ public:
   WriteRecorder();
   ~WriteRecorder();
   void stop();
-  const std::vector<Op>& ops() const;
+  const std::vector<Op>& ops() const { return ops_; }  // the writes, in order
   // Indices into ops() of the writes to path, in order.
   std::vector<size_t> writes_to(const std::string& path) const;
+  // For every fsync of path that returned: how many writes to path preceded it.
+  std::vector<size_t> syncs_of(const std::string& path) const;
   // Creates dst as a sparse file of `bytes`, copies base over it when base is not
   // empty, then applies the first k writes to `path` (k counted among those writes).
   void replay(const std::string& path, const std::string& base, const std::string& dst,
               long long bytes, size_t k) const;
+
+  // Hooks' state; internal.
+  std::vector<Op> ops_;
+  std::vector<std::pair<std::string, size_t>> syncs_;  // path, ops_.size() at its return
+  WriteRecorder* prev_ = nullptr;
+  long long (*next_pwrite_)(int, const void*, int, long long) = nullptr;
+  int (*next_fsync_)(int) = nullptr;
+  bool live_ = false;
 };
+
+// Copies an image keeping its holes (only the data ranges of base are read), so a
+// 64 MiB image that holds a few MiB costs a few MiB per copy. An empty base makes dst
+// an all-hole file. dst is `bytes` long either way.
+void copy_image(const std::string& base, const std::string& dst, long long bytes);
 
 // Makes positioned writes fail (return -1) from the n-th call on (0-based), counting
 // from construction; reads keep working. Used to inject a failing disk.

@@ -186,14 +186,45 @@ TEST(Corruption, RandomDamageIsRefusedRepairedOrSkipped) {
   std::string img = dir / "damaged";
   const int kImages = 1200;
   Reach reach;
+  int idempotent = 0, odd_size = 0;
   for (int seed = 0; seed < kImages; seed++) {
     rec.replay(tmpl, "", img, kImage, rec.writes_to(tmpl).size());
     std::mt19937 rng(static_cast<unsigned>(seed));
     int n = 1 + static_cast<int>(rng() % 3);
     for (int i = 0; i < n; i++) damage(rng, img, l);
     kit::StderrCapture quiet;
-    exercise(img, "r", reach);
-    exercise(img, "w", reach);  // the check repairs what it can; then everything again
+    {  // A read-only open never writes, whatever it finds.
+      kit::WriteRecorder ro;
+      exercise(img, "r", reach);
+      ro.stop();
+      EXPECT_EQ(0u, ro.writes_to(img).size()) << "seed " << seed;
+    }
+    // The first writable open repairs what it can; a second one must find the volume
+    // consistent and write nothing (the repair is complete and idempotent).
+    bool opened, odd;
+    {
+      fs_db d;
+      opened = d.open(0, img.c_str(), "w") == 0;
+      if (opened && d.error() == 1) reach.repaired++;
+      // A sealed superblock whose size is no multiple of 4 MiB, or runs past the device,
+      // is accepted all the same, and its second copy is then written wherever that
+      // size puts it, possibly over a table (see the test below): not repeatable.
+      long long size = d.sb.size;
+      odd = size % 0x400000 != 0 || size + 0xC00000 > kImage;
+      d.close();
+    }
+    if (opened && odd) odd_size++;
+    if (opened && !odd) {
+      kit::WriteRecorder again;
+      fs_db d;
+      EXPECT_EQ(0, d.open(0, img.c_str(), "w")) << "seed " << seed;
+      EXPECT_EQ(0, d.error()) << "seed " << seed;
+      d.close();
+      again.stop();
+      EXPECT_EQ(0u, again.writes_to(img).size()) << "seed " << seed;
+      idempotent++;
+    }
+    exercise(img, "w", reach);
     exercise(img, "w", reach);
     if (HasFailure()) FAIL() << "seed " << seed;
   }
@@ -201,7 +232,9 @@ TEST(Corruption, RandomDamageIsRefusedRepairedOrSkipped) {
   EXPECT_GT(reach.opened, kImages / 4);
   EXPECT_GT(reach.repaired, kImages / 20);
   EXPECT_GT(reach.refused, kImages / 20);
-  printf("opened %d, repaired %d, refused %d\n", reach.opened, reach.repaired, reach.refused);
+  EXPECT_GT(idempotent, kImages / 4);
+  printf("opened %d, repaired %d, refused %d, repairs proved idempotent %d, odd sizes %d\n",
+         reach.opened, reach.repaired, reach.refused, idempotent, odd_size);
 }
 
 TEST(Corruption, BothSuperblockCopiesLostMeansNoVolume) {
@@ -254,4 +287,48 @@ TEST(Corruption, AHugeCountIsWalkedOnlyToTheEndOfTheDevice) {
   ASSERT_EQ(d.x_read(0, x), 0);
   EXPECT_EQ(x.num, 1);
   d.close();
+}
+
+// A superblock is valid when its size is not 0, its flag at most 2 and its key and
+// checksum hold; nothing asks the size to be a multiple of 4 MiB or to fit the device.
+// A damaged but consistent copy with size 1 is therefore trusted, and when the check
+// corrects its head it writes the second copy at 0x800000 + 1: over the child header
+// of the first hour. That open reports nothing; the next one drops the hour. Found by
+// the sweep above (seed 180), which leaves such images out of its repeatability check.
+TEST(Corruption, ATrustedOddSizeMakesTheCheckWriteIntoTheRing) {
+  kit::TempDir dir;
+  kit::FakeClock clock(1700000000, 0);
+  std::string img = dir / "sda";
+  format_image(img, kImage);
+  {
+    kit::StderrCapture quiet;
+    fs_db d;
+    ASSERT_EQ(d.open(0, img.c_str(), "w"), 0);
+    ASSERT_EQ(d.f_create(0, 1, "HOUR_0:00"), 0);
+    ASSERT_EQ(d.f_create(0, 1, "HOUR_1:00"), 0);
+    d.close();
+  }
+  std::string b = kit::read_at(img, 0, 36);
+  long long size = 1, head = 0x1000000;
+  memcpy(&b[12], &size, 8);
+  memcpy(&b[20], &head, 8);
+  seal_sb(b);
+  kit::write_at(img, 0, b.data(), 36);
+
+  kit::StderrCapture err;
+  fs_db d;
+  ASSERT_EQ(d.open(0, img.c_str(), "w"), 0);
+  EXPECT_EQ(d.error(), 0);
+  d.close();
+  sb_t copy = kit::get<sb_t>(img, kRing + 1);
+  EXPECT_EQ(v64(copy.size), 1);
+  EXPECT_EQ(v64(copy.head), kRing);
+  ASSERT_EQ(d.open(0, img.c_str(), "w"), 0);
+  EXPECT_EQ(d.error(), 1);
+  entry_t e;
+  EXPECT_EQ(d.f_open(e, 1, "HOUR_0:00"), -1);
+  EXPECT_EQ(d.f_open(e, 1, "HOUR_1:00"), 0);
+  d.close();
+  std::string text = err.take();
+  EXPECT_EQ(kit::count(text, "x_hour.num: 2 -> 1"), 1) << text;
 }

@@ -1,0 +1,59 @@
+// What the backup readers and writers share. Internal to the library.
+#ifndef RINGREC_BACKUP_BACKUP_H
+#define RINGREC_BACKUP_BACKUP_H
+
+#include <ringrec/fs_app.h>
+#include <stdint.h>
+#include <string.h>
+
+// Ranges the multi-slot selection holds.
+const int kBkSlots = 5;
+
+// The read buffer a writer starts its run with.
+const int kBkBufSize = 0x80000;
+
+// Set bits of a channel mask (all 32 positions).
+int bk_channels(uint32_t mask);
+
+// Progress in percent of done work units over total; a total of -1 gives
+// -(done * 100) and a total of 0 (a mask without channels) gives 100.
+int bk_percent(int done, int total);
+
+// True while the cancel marker "/tmp/bk_cancel" exists.
+bool bk_cancelled();
+
+// Deletes the MP4 writers still held by the first num items and frees the array.
+void bk_free_items(bk_item_t*& items, int32_t& cap, int32_t num);
+
+// Header and data of the frames of a block read into q, in stored order. fn(f, data)
+// returns false to drop the rest of the block. The frame count and every length come
+// from the disk: a frame head or data that would run past the block's data ends the
+// walk rather than reading beyond the buffer. The head is copied out because frames
+// lie at any byte offset.
+template <typename Fn>
+void bk_frames(const head_t& h, const q_t* q, Fn fn) {
+  const unsigned char* p = q->buf;
+  long long left = h.size;
+  for (uint32_t i = 0; i < h.frames; i++) {
+    if (left < static_cast<long long>(sizeof(frame_head_t))) return;
+    frame_head_t f;
+    memcpy(&f, p, sizeof f);
+    left -= sizeof f;
+    if (f.len > left) return;
+    if (!fn(f, reinterpret_cast<const char*>(p + sizeof f))) return;
+    p += sizeof f + f.len;
+    left -= f.len;
+  }
+}
+
+// Block time of a frame block as the writers stamp it: word 3 plus word 4, wrapping as
+// the 32-bit words do.
+inline int32_t bk_block_time(const head_t& h) {
+  return static_cast<int32_t>(static_cast<uint32_t>(h.time) + h.time2);
+}
+
+// Opens the entry after e in the hour's table x; false at the end of the hour or when
+// it cannot be read.
+bool bk_next_entry(fs_db* db, const entryX_t& x, entry_t& e);
+
+#endif

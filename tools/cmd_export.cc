@@ -1,0 +1,432 @@
+// The export command: a time range of chosen channels out of the recorder's disks into
+// files a computer plays, the way the recorder's own backup menu does it.
+//
+//   ringrec export --from TIME --to TIME --ch N[,M...] OUTDIR [--substream] [--audio]
+//                  [--format mp4|irf|oem] [--single-pass] [-v]
+//
+// MP4 (the default) goes through the two-phase export: a plan (printed), then each
+// planned file written front to back. --single-pass writes as it reads, one file
+// running across hours until the picture changes; --audio adds the sound track there
+// (two-phase files carry a channel's recorded sound as they find it). Channels count
+// from 1, as the file names show them.
+//
+// Progress: the tool creates the recorder's progress semaphore set, as the recorder's
+// application does, and reads it beside the export: a bar on a terminal, a line per
+// 10 % otherwise. Ctrl-C asks the library to stop through its cancel marker; finished
+// files stay valid and the tool names the file that was cut short.
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <ringrec/ringrec.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "command.h"
+
+namespace {
+
+using tool::fail;
+using tool::take_flag;
+using tool::take_option;
+using tool::usage_error;
+
+const char* const kUsage =
+    "export --from TIME --to TIME --ch N[,M...] OUTDIR [--substream] [--audio] "
+    "[--format mp4|irf|oem] [--single-pass] [-v]";
+
+// Logical paths below the board's root, as the library resolves them.
+std::string board_path(const char* logical) {
+  const char* root = getenv("RINGREC_ROOT");
+  return std::string(root ? root : "") + logical;
+}
+
+bool parse_time(const std::string& s, long long* out) {
+  char* end = nullptr;
+  long long v = strtoll(s.c_str(), &end, 10);
+  if (!s.empty() && *end == 0) {
+    *out = v;
+    return true;
+  }
+  struct tm tm;
+  memset(&tm, 0, sizeof tm);
+  int n = sscanf(s.c_str(), "%d-%d-%d%*[ T]%d:%d:%d", &tm.tm_year, &tm.tm_mon, &tm.tm_mday,
+                 &tm.tm_hour, &tm.tm_min, &tm.tm_sec);
+  if (n < 5) return false;
+  tm.tm_year -= 1900;
+  tm.tm_mon -= 1;
+  *out = static_cast<long long>(timegm(&tm));
+  return true;
+}
+
+// ---- cancel: Ctrl-C creates the marker the writers test between minutes ------------
+
+std::string g_cancel_path;
+volatile sig_atomic_t g_cancelled = 0;
+
+void on_sigint(int) {
+  g_cancelled = 1;
+  int fd = open(g_cancel_path.c_str(), O_WRONLY | O_CREAT, 0644);
+  if (fd >= 0) close(fd);
+}
+
+// ---- progress: the semaphore set the library posts to ---------------------------------
+
+union semun_arg {
+  int val;
+  struct semid_ds* buf;
+  unsigned short* array;
+};
+
+struct progress_reader {
+  int id = -1;
+  bool created = false;
+  std::atomic<bool> stop{false};
+  pthread_t th;
+  bool running = false;
+  FILE* out = stderr;  // the terminal or log the tool speaks to
+  bool tty = false;
+  int shown = -1;
+
+  // Creates the set (two semaphores: percent, result) keyed as the library keys it.
+  bool open() {
+    std::string dot = board_path("/.");
+    key_t key = ftok(dot.c_str(), 66);
+    if (key == static_cast<key_t>(-1)) return false;
+    id = semget(key, 2, IPC_CREAT | IPC_EXCL | 0600);
+    if (id >= 0) {
+      created = true;
+    } else if (errno == EEXIST) {
+      id = semget(key, 2, 0);
+    }
+    if (id < 0) return false;
+    semun_arg a;
+    a.val = 0;
+    semctl(id, 0, SETVAL, a);
+    semctl(id, 1, SETVAL, a);
+    return true;
+  }
+  void show(int v) {
+    if (v < 0) v = 0;
+    if (v > 100) v = 100;
+    if (tty) {
+      if (v != shown) {
+        int fill = v * 40 / 100;
+        fprintf(out, "\rexport       [%.*s%*s] %3d%%", fill,
+                "########################################", 40 - fill, "", v);
+        fflush(out);
+      }
+    } else {
+      // Every 10 % step passed since the last look, even when several passed at once.
+      for (int k = shown < 0 ? 0 : shown / 10 + 1; k <= v / 10; k++)
+        fprintf(out, "export: %d%%\n", k * 10);
+      fflush(out);
+    }
+    shown = v;
+  }
+  void poll() {
+    if (id < 0) return;
+    show(semctl(id, 0, GETVAL));
+  }
+  static void* loop(void* p) {
+    progress_reader* r = static_cast<progress_reader*>(p);
+    while (!r->stop.load()) {
+      r->poll();
+      usleep(100000);
+    }
+    return nullptr;
+  }
+  void start() {
+    if (id >= 0 && pthread_create(&th, nullptr, loop, this) == 0) running = true;
+  }
+  void finish() {
+    stop.store(true);
+    if (running) pthread_join(th, nullptr);
+    running = false;
+    poll();
+    if (tty && shown >= 0) fprintf(out, "\n");
+    if (created) semctl(id, 0, IPC_RMID);
+  }
+};
+
+// The library's diagnostic lines go to standard error; without -v they are kept off
+// the terminal while the export runs and the tool speaks for itself.
+struct quiet_stderr {
+  int saved = -1;
+  explicit quiet_stderr(bool verbose) {
+    if (verbose) return;
+    fflush(stderr);
+    saved = dup(tool::err_fd());  // main() may already hold descriptor 2 (quiet.h)
+    int null = open("/dev/null", O_WRONLY);
+    if (null >= 0) {
+      dup2(null, 2);
+      close(null);
+    }
+  }
+  FILE* f = nullptr;
+  FILE* tool_err() {
+    if (saved < 0) return stderr;
+    if (!f) f = fdopen(dup(saved), "w");
+    if (f) setvbuf(f, nullptr, _IOLBF, 0);
+    return f ? f : stderr;
+  }
+  int fd() const { return saved < 0 ? 2 : saved; }
+  ~quiet_stderr() {
+    if (f) fclose(f);
+    if (saved < 0) return;
+    fflush(stderr);
+    dup2(saved, 2);
+    close(saved);
+  }
+};
+
+bool write_failed(FILE* f) {
+  bool bad = fflush(f) != 0 || ferror(f) != 0;
+  return fclose(f) != 0 || bad;
+}
+
+long long size_of(const std::string& p) {
+  struct stat st;
+  return stat(p.c_str(), &st) == 0 ? st.st_size : -1;
+}
+
+// A single-pass file is written before its name is known; the name follows the
+// pattern of the planned files, numbered when taken.
+std::string free_name(const std::string& dir, int time, int ch, unsigned w, unsigned h,
+                      unsigned fps) {
+  time_t t = time;
+  struct tm tm;
+  gmtime_r(&t, &tm);
+  char stem[96];
+  snprintf(stem, sizeof stem, "%04d%02d%02d_%02dh%02dm%02ds_ch%.2d_%ux%ux%u", tm.tm_year + 1900,
+           tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, ch + 1, w, h, fps);
+  for (int k = 0; k < 1000; k++) {
+    std::string n = std::string(stem) + (k ? "_" + std::to_string(k) : "") + ".m4v";
+    if (size_of(dir + "/" + n) < 0) return n;
+  }
+  return std::string(stem) + ".m4v";
+}
+
+// The mdat header of a single-pass file sits at byte 24, after ftyp; its size is
+// known once the writer is finished.
+void set_mdat_size(FILE* f, unsigned data) {
+  unsigned v = data + 8;
+  unsigned char b[4] = {static_cast<unsigned char>(v >> 24), static_cast<unsigned char>(v >> 16),
+                        static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v)};
+  fseek(f, 24, SEEK_SET);
+  fwrite(b, 1, 4, f);
+}
+
+struct job;
+int say(job& j, const std::string& msg);
+
+struct job {
+  fs_app* app;
+  std::string dir;
+  int beg, end;
+  std::vector<int> chans;
+  int mask;
+  bool sub, audio, single;
+  FILE* out;  // tool's own messages
+  int files = 0;
+  std::string cut;  // the file cut short by a cancel
+};
+
+int say(job& j, const std::string& msg) {
+  fprintf(j.out, "ringrec: %s\n", msg.c_str());
+  return 1;
+}
+
+int two_phase(job& j) {
+  std::vector<char> plan(1 << 20, '\0');
+  int n = j.sub ? j.app->bk_phase_one_substream(j.dir.c_str(), j.beg, j.end, j.mask, plan.data())
+                : j.app->bk_phase_one(j.dir.c_str(), j.beg, j.end, j.mask, plan.data());
+  if (n <= 0) return say(j, "nothing recorded on those channels between --from and --to");
+  fprintf(stdout, "plan (name channel bytes item entry offset time):\n%s", plan.data());
+  fflush(stdout);
+  const char* p = plan.data();
+  while (*p) {
+    const char* nl = strchr(p, '\n');
+    std::string line(p, nl ? static_cast<size_t>(nl - p) : strlen(p));
+    p = nl ? nl + 1 : p + line.size();
+    char name[128];
+    int ch, size, item, entry, off, t;
+    if (sscanf(line.c_str(), "%127s %d %d %d %d %d %d", name, &ch, &size, &item, &entry, &off,
+               &t) != 7)
+      continue;
+    if (g_cancelled) break;
+    std::string path = j.dir + "/" + name;
+    FILE* f = fopen(path.c_str(), "wb");
+    if (!f) return say(j, "cannot create " + path + ": " + strerror(errno));
+    int r = j.sub ? j.app->bk_phase_two_substream(f, name, ch, size, item, entry, off)
+                  : j.app->bk_phase_two(f, name, ch, size, item, entry, off);
+    if (write_failed(f)) return say(j, "writing " + path + " failed (is the disk full?)");
+    if (r <= 0) {
+      // A planned file is only valid whole: its mdat size was written first.
+      remove(path.c_str());
+      if (g_cancelled) {
+        j.cut = name;
+        break;
+      }
+      return say(j, std::string(name) + ": the recording ended before the planned bytes");
+    }
+    fprintf(stdout, "wrote %s (%d bytes)\n", path.c_str(), r);
+    j.files++;
+  }
+  return 0;
+}
+
+int single_pass(job& j) {
+  for (int ch : j.chans) {
+    int one = ch, b = j.beg, e = j.end, m = 1 << ch;
+    int items = j.app->bk_multi_set(&b, &e, &m, 1);
+    FILE* f = nullptr;
+    std::string tmp = j.dir + "/.export.part";
+    int t = 0;
+    unsigned w = 0, h = 0, fps = 0;
+    auto finish = [&]() -> int {
+      unsigned box = 0, data = 0;
+      j.app->bk_multi_m4v_close(f, box, data);
+      set_mdat_size(f, data);
+      if (write_failed(f)) return say(j, "writing " + tmp + " failed (is the disk full?)");
+      f = nullptr;
+      if (data == 0) {
+        remove(tmp.c_str());
+        return 0;
+      }
+      std::string name = free_name(j.dir, t, one, w, h, fps);
+      std::string path = j.dir + "/" + name;
+      if (rename(tmp.c_str(), path.c_str()) != 0) return say(j, "cannot name " + path);
+      fprintf(stdout, "wrote %s (%lld bytes)\n", path.c_str(), size_of(path));
+      j.files++;
+      if (g_cancelled) j.cut = name;
+      return 0;
+    };
+    for (int item = 0; item < items && !g_cancelled; item++) {
+      for (;;) {
+        if (!f) {
+          f = fopen(tmp.c_str(), "wb");
+          if (!f) return say(j, "cannot create " + tmp + ": " + strerror(errno));
+        }
+        int r = j.app->bk_multi_m4v_write(f, item, ch, t, w, h, fps, j.audio);
+        if (r == 1) {
+          if (finish() != 0) return 1;
+          continue;
+        }
+        if (r < 0) fprintf(j.out, "ringrec: channel %d: video loss, the file ends there\n", ch + 1);
+        break;
+      }
+    }
+    if (f && finish() != 0) return 1;
+    j.app->bk_multi_set(nullptr, nullptr, nullptr, 0);
+    if (g_cancelled) break;
+  }
+  if (j.files == 0 && !g_cancelled)
+    return say(j, "nothing recorded on those channels between --from and --to");
+  return 0;
+}
+
+int run_export(const std::vector<std::string>& in) {
+  std::vector<std::string> args = in;
+  std::string from, to, chs, format = "mp4";
+  bool verbose = take_flag(args, "-v") || tool::verbose();
+  bool sub = take_flag(args, "--substream");
+  bool audio = take_flag(args, "--audio");
+  bool single = take_flag(args, "--single-pass");
+  take_option(args, "--format", &format);
+  if (!take_option(args, "--from", &from)) return usage_error("export", "--from is required");
+  if (!take_option(args, "--to", &to)) return usage_error("export", "--to is required");
+  if (!take_option(args, "--ch", &chs)) return usage_error("export", "--ch is required");
+  if (args.size() != 1) return usage_error("export", "give one output directory");
+  job j;
+  j.dir = args[0];
+  long long b = 0, e = 0;
+  if (!parse_time(from, &b)) return usage_error("export", "--from: seconds or YYYY-MM-DD HH:MM[:SS]");
+  if (!parse_time(to, &e)) return usage_error("export", "--to: seconds or YYYY-MM-DD HH:MM[:SS]");
+  if (e < b) return usage_error("export", "--to is before --from");
+  j.beg = static_cast<int>(b);
+  j.end = static_cast<int>(e);
+  j.mask = 0;
+  for (size_t p = 0; p <= chs.size();) {
+    size_t q = chs.find(',', p);
+    std::string one = chs.substr(p, q == std::string::npos ? std::string::npos : q - p);
+    char* end = nullptr;
+    long v = strtol(one.c_str(), &end, 10);
+    if (one.empty() || *end != 0 || v < 1 || v > 32)
+      return usage_error("export", "--ch: channel numbers 1 to 32, separated by commas");
+    if (!(j.mask & (1 << (v - 1)))) j.chans.push_back(static_cast<int>(v - 1));
+    j.mask |= 1 << (v - 1);
+    if (q == std::string::npos) break;
+    p = q + 1;
+  }
+  if (format != "mp4" && format != "irf" && format != "oem")
+    return usage_error("export", "--format: mp4, irf or oem");
+  if (format != "mp4")
+    return fail("--format " + format + " is not available in this build: use --format mp4");
+  struct stat st;
+  if (stat(j.dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+    return fail("output directory " + j.dir + " does not exist: create it first");
+  if (access(j.dir.c_str(), W_OK) != 0) return fail("cannot write into " + j.dir);
+  j.sub = sub;
+  j.audio = audio;
+  j.single = single;
+
+  g_cancel_path = board_path("/tmp/bk_cancel");
+  remove(g_cancel_path.c_str());  // a marker left over from an earlier run
+  quiet_stderr quiet(verbose);
+  j.out = quiet.tool_err();
+  fs_app* app = new fs_app();
+  j.app = app;
+  app->set(32);
+  if (app->db_open("r") <= 0) {
+    delete app;
+    fprintf(j.out, "ringrec: no internal disks found (is --root or RINGREC_ROOT set?)\n");
+    return 1;
+  }
+  // The recorder stores sound as IMA ADPCM; MP4 export converts it to 16-bit PCM,
+  // which the "sowt" sample entry describes.
+  audtype = 2;
+  progress_reader prog;
+  prog.out = j.out;
+  prog.tty = isatty(quiet.fd()) != 0;
+  if (!prog.open())
+    fprintf(j.out, "ringrec: no progress semaphore (%s); exporting without progress\n",
+            strerror(errno));
+  struct sigaction sa, old;
+  memset(&sa, 0, sizeof sa);
+  sa.sa_handler = on_sigint;
+  sigaction(SIGINT, &sa, &old);
+  prog.start();
+  int rc = single ? single_pass(j) : two_phase(j);
+  app->bk_over();
+  prog.finish();
+  app->bk_clr();
+  app->db_close();
+  delete app;
+  sigaction(SIGINT, &old, nullptr);
+  if (g_cancelled) {
+    remove(g_cancel_path.c_str());
+    if (!j.cut.empty())
+      fprintf(j.out, "ringrec: cancelled: %s was cut short%s; %d file(s) before it are whole\n",
+              j.cut.c_str(), single ? "" : " and removed", j.files - (single ? 1 : 0));
+    else
+      fprintf(j.out, "ringrec: cancelled after %d file(s)\n", j.files);
+    return 1;
+  }
+  if (rc == 0) fprintf(j.out, "exported %d file(s) into %s\n", j.files, j.dir.c_str());
+  return rc;
+}
+
+bool registered = tool::add_command({"export", kUsage, run_export});
+
+}  // namespace
