@@ -1,14 +1,12 @@
 #include "kit/crash.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <ringrec/records.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <random>
-
-#include <gtest/gtest.h>
-
-#include <ringrec/records.h>
 
 namespace kit {
 
@@ -36,8 +34,8 @@ bool entry_run(const WriteRecorder::Op& op, long long* table) {
   return true;
 }
 
-void add_tears(const std::vector<WriteRecorder::Op>& ops, const std::vector<size_t>& w,
-               size_t d, size_t j, const CrashPlan& plan, std::vector<CrashCut>& out) {
+void add_tears(const std::vector<WriteRecorder::Op>& ops, const std::vector<size_t>& w, size_t d,
+               size_t j, const CrashPlan& plan, std::vector<CrashCut>& out) {
   const WriteRecorder::Op& op = ops[w[j]];
   long long end = op.off + static_cast<long long>(op.bytes.size());
   std::vector<int> at;

@@ -32,11 +32,11 @@ struct CrashCut {
 // all"; the rest is per window.
 struct CrashPlan {
   unsigned seed = 1;
-  int random_subsets = 20;      // seeded random subsets of the window's writes
-  size_t single_drop_every = 1; // drop each n-th write of the window alone
-  int tears_per_write = 8;      // writes crossing more boundaries are torn at this many
-                                // of them, spread evenly (first and last included)
-  size_t tear_every = 1;        // tear each n-th write of the window
+  int random_subsets = 20;       // seeded random subsets of the window's writes
+  size_t single_drop_every = 1;  // drop each n-th write of the window alone
+  int tears_per_write = 8;       // writes crossing more boundaries are torn at this many
+                                 // of them, spread evenly (first and last included)
+  size_t tear_every = 1;         // tear each n-th write of the window
 };
 
 // Every state the plan asks for, window by window in write order.

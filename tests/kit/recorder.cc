@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
-#include "recording/payload.h"
-
 namespace rec {
 
 sim::capture_spec small_spec(int channels) {
@@ -24,6 +22,13 @@ sim::capture_spec small_spec(int channels) {
 
 void format_all(fs_app& app) {
   for (int i = 0; i < app.g_db_num(); i++) ASSERT_EQ(0, app.db_format(i));
+}
+
+int open_formatted(fs_app& app, int channels) {
+  app.set(channels);
+  int n = app.db_open("w");
+  format_all(app);
+  return n;
 }
 
 std::vector<written> record(fs_app& app, sim::capture& cap, int seconds, bool expect_ok) {
@@ -52,9 +57,29 @@ head_t head_of(const std::string& block) {
   return h;
 }
 
-uint64_t mask_of(const entry_t& e) { return rec_get_mask(e); }
-uint32_t events_of(const entry_t& e) { return rec_get_events(e); }
-int32_t count_of(const entry_t& e, int ch) { return rec_get_count(e, ch); }
+namespace {
+template <typename T>
+T field(const entry_t& e, size_t off) {
+  T v;
+  memcpy(&v, reinterpret_cast<const unsigned char*>(&e) + off, sizeof v);
+  return v;
+}
+}  // namespace
+
+uint64_t mask_of(const entry_t& e) { return field<uint64_t>(e, 72); }
+uint32_t events_of(const entry_t& e) { return field<uint32_t>(e, 80); }
+int32_t count_of(const entry_t& e, int ch) {
+  return field<int32_t>(e, 84 + 4 * static_cast<size_t>(ch));
+}
+
+bool is_record(uint32_t type) { return type == 4 || type == 8 || type == 9 || type == 10; }
+
+std::vector<std::string> frames_of(const minute_view& m) {
+  std::vector<std::string> v;
+  for (const std::string& b : m.blocks)
+    if (!is_record(head_of(b).type)) v.push_back(b);
+  return v;
+}
 
 std::vector<hour_view> read_volume(const char* dev) {
   std::vector<hour_view> out;

@@ -1,5 +1,5 @@
-// Shared helpers of the recording, playback and backup suites: a recorder on a simulated board, driven by
-// the capture simulator on a fake clock, and read-back of what it stored through fs_db.
+// Shared helpers of the recording, playback and backup suites: a recorder on a simulated board,
+// driven by the capture simulator on a fake clock, and read-back of what it stored through fs_db.
 #ifndef RINGREC_TESTS_KIT_RECORDER_H
 #define RINGREC_TESTS_KIT_RECORDER_H
 
@@ -28,6 +28,10 @@ struct written {
 // Formats every disk of the board through the service.
 void format_all(fs_app& app);
 
+// The usual set-up: `channels` channels, every disk of the board opened for writing
+// and formatted. Returns what db_open returned (the number of disks).
+int open_formatted(fs_app& app, int channels);
+
 // Records `seconds` of capture time from cap's current time, block by block, keeping the
 // fake wall clock with the capture time. Every block must be accepted unless
 // `expect_ok` is false. Returns the blocks written in order.
@@ -45,10 +49,20 @@ struct hour_view {
 };
 std::vector<hour_view> read_volume(const char* dev);
 
+// The payload of hour and minute entries, read at its byte offsets in the 324-byte
+// entry rather than through the library: the minute (hour) or second (minute) mask, 8
+// bytes at 72; the event bits, 4 bytes at 80; the per-channel frame sums, 4 bytes each
+// from 84.
 uint64_t mask_of(const entry_t& e);
 uint32_t events_of(const entry_t& e);
 int32_t count_of(const entry_t& e, int ch);
 head_t head_of(const std::string& block);
+
+// The records a minute keeps beside its frame blocks: the motion record (type 4), the
+// event log record (8) and the LQ and HQ key-frame indexes (9, 10).
+bool is_record(uint32_t type);
+// The frame blocks of a stored minute, in order, without those records.
+std::vector<std::string> frames_of(const minute_view& m);
 
 }  // namespace rec
 

@@ -15,19 +15,8 @@ struct BadInput : ::testing::Test {
     delete app;
   }
   void open_board() {
-    app->set(2);
-    ASSERT_GE(app->db_open("w"), 1);
-    rec::format_all(*app);
+    ASSERT_GE(rec::open_formatted(*app, 2), 1);
     ASSERT_EQ(0, cap.open(rec::small_spec(2), (rec::kHour0 + 300) * 1000LL, nullptr));
-  }
-  // The blocks of one stored minute, without the two records in front and the index.
-  static std::vector<std::string> frames_of(const rec::minute_view& m) {
-    std::vector<std::string> v;
-    for (const std::string& b : m.blocks) {
-      uint32_t t = rec::head_of(b).type;
-      if (t != 4 && t != 8 && t != 9 && t != 10) v.push_back(b);
-    }
-    return v;
   }
 };
 
@@ -55,7 +44,8 @@ TEST_F(BadInput, ShortOversizedAndMislabelledBlocks) {
   std::vector<rec::hour_view> v = rec::read_volume("/dev/sda");
   ASSERT_EQ(1u, v.size());
   ASSERT_EQ(3u, v[0].minutes.size());
-  std::vector<std::string> fa = frames_of(v[0].minutes[0]), fc = frames_of(v[0].minutes[2]);
+  std::vector<std::string> fa = rec::frames_of(v[0].minutes[0]),
+                           fc = rec::frames_of(v[0].minutes[2]);
   ASSERT_EQ(a.size(), fa.size());
   for (size_t i = 0; i < a.size(); i++) EXPECT_EQ(a[i].bytes, fa[i]);
   ASSERT_EQ(c.size(), fc.size());
@@ -96,10 +86,10 @@ TEST_F(BadInput, FailingDiskStopsTheMinuteAndRecordingResumesAfterwards) {
   std::vector<rec::hour_view> v = rec::read_volume("/dev/sda");
   ASSERT_EQ(1u, v.size());
   ASSERT_GE(v[0].minutes.size(), 2u);
-  std::vector<std::string> fa = frames_of(v[0].minutes[0]);
+  std::vector<std::string> fa = rec::frames_of(v[0].minutes[0]);
   ASSERT_EQ(a.size(), fa.size());
   for (size_t i = 0; i < a.size(); i++) EXPECT_EQ(a[i].bytes, fa[i]);
-  std::vector<std::string> fc = frames_of(v[0].minutes.back());
+  std::vector<std::string> fc = rec::frames_of(v[0].minutes.back());
   ASSERT_EQ(c.size(), fc.size());
   for (size_t i = 0; i < c.size(); i++) EXPECT_EQ(c[i].bytes, fc[i]);
   EXPECT_NE(0u, rec::mask_of(v[0].e) & (1ULL << 5));
@@ -118,7 +108,7 @@ TEST_F(BadInput, FailingDiskHandsOverToTheNextDisk) {
   std::vector<rec::hour_view> v = rec::read_volume("/dev/sdb");
   ASSERT_EQ(1u, v.size());
   ASSERT_EQ(1u, v[0].minutes.size());
-  std::vector<std::string> f = frames_of(v[0].minutes[0]);
+  std::vector<std::string> f = rec::frames_of(v[0].minutes[0]);
   ASSERT_EQ(b.size(), f.size());
   EXPECT_EQ(b.back().bytes, f.back());
 }

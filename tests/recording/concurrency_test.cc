@@ -13,10 +13,7 @@ namespace {
 TEST(Concurrency, CaptureDetectorsAndUserInterfaceAtOnce) {
   kit::Board board(2, 128LL << 20);
   fs_app* app = new fs_app();
-  app->set(4);
-  ASSERT_EQ(2, app->db_open("w"));
-  ASSERT_EQ(0, app->db_format(0));
-  ASSERT_EQ(0, app->db_format(1));
+  ASSERT_EQ(2, rec::open_formatted(*app, 4));
   const int start = rec::kHour0 + 3600 - 40;
   sim::clock_follow();
   sim::clock_set(start);
@@ -95,8 +92,7 @@ TEST(Concurrency, CaptureDetectorsAndUserInterfaceAtOnce) {
     for (const rec::hour_view& h : rec::read_volume(dev)) {
       for (const rec::minute_view& m : h.minutes) {
         for (const std::string& b : m.blocks) {
-          uint32_t t = rec::head_of(b).type;
-          if (t == 4 || t == 8 || t == 9 || t == 10) continue;  // the minute's own records
+          if (rec::is_record(rec::head_of(b).type)) continue;
           where[b].push_back(std::string(dev) + " " + h.e.name + "/" + m.e.name);
         }
       }

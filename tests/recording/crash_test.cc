@@ -3,12 +3,13 @@
 // during the check's repair; the volume must reopen (its check runs) with every minute
 // whose closing flush had completed listed in its hour, with its blocks intact, and
 // recording must go on on the reopened volume.
+#include "kit/crash.h"
+
 #include <gtest/gtest.h>
 
 #include <map>
 #include <set>
 
-#include "kit/crash.h"
 #include "kit/recorder.h"
 
 namespace {
@@ -32,15 +33,6 @@ struct minute_rec {
   size_t closed_at = SIZE_MAX;      // writes to the disk once its close had completed
 };
 
-std::vector<std::string> frames_of(const rec::minute_view& m) {
-  std::vector<std::string> v;
-  for (const std::string& b : m.blocks) {
-    uint32_t t = rec::head_of(b).type;
-    if (t != 4 && t != 8 && t != 9 && t != 10) v.push_back(b);
-  }
-  return v;
-}
-
 TEST(Crash, MinutesClosedBeforeACutSurviveItAndRecordingGoesOn) {
   kit::FakeClock clock(rec::kHour0, 1000000);
   const long long bytes = 64LL << 20;
@@ -54,9 +46,7 @@ TEST(Crash, MinutesClosedBeforeACutSurviveItAndRecordingGoesOn) {
   size_t total = 0;
   {
     fs_app app;
-    app.set(1);
-    ASSERT_EQ(1, app.db_open("w"));
-    ASSERT_EQ(0, app.db_format(0));
+    ASSERT_EQ(1, rec::open_formatted(app, 1));
     kit::copy_image(image, base, bytes);
     sim::capture cap;
     ASSERT_EQ(0, cap.open(rec::small_spec(1), start * 1000LL, nullptr));
@@ -121,7 +111,7 @@ TEST(Crash, MinutesClosedBeforeACutSurviveItAndRecordingGoesOn) {
         auto it = found.find(name);
         ASSERT_NE(found.end(), it) << name;
         EXPECT_NE(0u, hour_mask[name] & (1ULL << ((t0 / 60) % 60))) << name;
-        std::vector<std::string> f = frames_of(*it->second);
+        std::vector<std::string> f = rec::frames_of(*it->second);
         ASSERT_EQ(m.blocks.size(), f.size()) << name;
         for (size_t i = 0; i < f.size(); i++) ASSERT_EQ(m.blocks[i], f[i]) << name << " " << i;
       }
@@ -141,7 +131,7 @@ TEST(Crash, MinutesClosedBeforeACutSurviveItAndRecordingGoesOn) {
       std::vector<rec::hour_view> after = rec::read_volume("/dev/sda");
       ASSERT_FALSE(after.empty());
       ASSERT_FALSE(after.back().minutes.empty());
-      std::vector<std::string> f = frames_of(after.back().minutes.back());
+      std::vector<std::string> f = rec::frames_of(after.back().minutes.back());
       ASSERT_FALSE(f.empty());
       EXPECT_EQ(w.back().bytes, f.back());
     };

@@ -25,9 +25,7 @@ struct FullDisks : ::testing::Test {
     delete app;
   }
   void open_board() {
-    app->set(4);
-    ASSERT_GE(app->db_open("w"), 1);
-    rec::format_all(*app);
+    ASSERT_GE(rec::open_formatted(*app, 4), 1);
   }
   // Two minutes at the start of each hour: each hour takes three 4 MiB regions (its
   // minute table and two minutes), so a 64 MiB volume (13 regions) holds four hours.

@@ -20,9 +20,7 @@ struct Recorder : ::testing::Test {
     delete app;
   }
   void start(int channels) {
-    app->set(channels);
-    ASSERT_EQ(1, app->db_open("w"));
-    rec::format_all(*app);
+    ASSERT_EQ(1, rec::open_formatted(*app, channels));
   }
 };
 

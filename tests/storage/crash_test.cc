@@ -5,14 +5,14 @@
 // runs the check) must succeed and everything whose creation or flush had returned
 // before the last completed fsync must still be found and read back, except where a
 // torn table entry takes it away: the named tests at the end pin those cases.
+#include "kit/crash.h"
+
 #include <gtest/gtest.h>
 
 #include <iostream>
 #include <map>
 #include <set>
 #include <vector>
-
-#include "kit/crash.h"
 
 #include "storage/volume_fixture.h"
 
@@ -45,9 +45,9 @@ class Scenario {
   std::vector<Milestone> ms;
   std::map<std::string, Expect> now;
   std::map<std::string, entry_t> open_entries;
-  std::map<std::string, std::string> written;  // bytes in memory per minute
-  std::map<std::string, long long> hour_table;   // hour name -> offset of its table
-  std::map<std::string, int> minute_index;       // key -> index in its hour's table
+  std::map<std::string, std::string> written;   // bytes in memory per minute
+  std::map<std::string, long long> hour_table;  // hour name -> offset of its table
+  std::map<std::string, int> minute_index;      // key -> index in its hour's table
 
   Scenario() : base(dir / "base"), img(dir / "img"), clock(1700000000, 500000) {
     format_image(base, kImage);
@@ -314,9 +314,8 @@ TEST(Crash, EveryPowerLossKeepsWhatWasDurableBeforeIt) {
   EXPECT_EQ(replays, static_cast<int>(cuts.size()));
   RecordProperty("replays", replays);
   RecordProperty("repair_replays", repair_replays);
-  std::cout << "replays: " << replays << " states, " << repaired << " repaired, "
-            << repair_replays << " with power lost during the repair, " << torn_entries
-            << " torn entries\n";
+  std::cout << "replays: " << replays << " states, " << repaired << " repaired, " << repair_replays
+            << " with power lost during the repair, " << torn_entries << " torn entries\n";
 }
 
 // remove writes the survivors to the front of the root table in one run and then the
