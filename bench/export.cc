@@ -1,0 +1,285 @@
+// MP4 export throughput: one hour of channel 1 of a 16-channel recording (real x264
+// main and substreams with ADPCM audio, through the capture simulator and the write
+// path) exported two-phase and single-pass, against
+//   (a) a plain pread loop over the same stored bytes: every block of the hour, since
+//       blocks mix the channels (the limit any export of this format has), and
+//   (b) `ffmpeg -f h264 -i ES -c copy OUT.mp4` of the channel's elementary stream.
+// Five interleaved runs of each; medians with their spread (min..max). Positioned
+// reads are counted through the system-call table.
+//
+//   bench_export [MINUTES]   recording length (default 60)
+#include <fcntl.h>
+#include <ringrec/ringrec.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "sim/board.h"
+#include "sim/capture.h"
+
+namespace {
+
+double now_s() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+long long g_preads = 0;
+long long (*g_real_pread)(int, void*, int, long long) = nullptr;
+long long counting_pread(int fd, void* buf, int n, long long off) {
+  g_preads++;
+  return g_real_pread(fd, buf, n, off);
+}
+
+struct stat_t {
+  std::vector<double> v;
+  double median() const {
+    std::vector<double> s = v;
+    std::sort(s.begin(), s.end());
+    return s[s.size() / 2];
+  }
+  double lo() const { return *std::min_element(v.begin(), v.end()); }
+  double hi() const { return *std::max_element(v.begin(), v.end()); }
+};
+
+const int kStart = 1709287200;  // 2024-03-01 10:00:00 UTC
+
+double two_phase(fs_app& app, const std::string& dir, int end, long long* out_bytes) {
+  std::vector<char> plan(1 << 20, '\0');
+  double t0 = now_s();
+  app.bk_phase_one(dir.c_str(), kStart, end, 0x1, plan.data());
+  *out_bytes = 0;
+  for (const char* p = plan.data(); *p;) {
+    char name[128];
+    int ch, size, item, entry, off, t;
+    if (sscanf(p, "%127s %d %d %d %d %d %d", name, &ch, &size, &item, &entry, &off, &t) != 7) break;
+    FILE* f = fopen((dir + "/two.m4v").c_str(), "wb");
+    *out_bytes += app.bk_phase_two(f, name, ch, size, item, entry, off);
+    fclose(f);
+    const char* nl = strchr(p, '\n');
+    if (!nl) break;
+    p = nl + 1;
+  }
+  app.bk_over();
+  app.bk_clr();
+  return now_s() - t0;
+}
+
+double single_pass(fs_app& app, const std::string& dir, int end, long long* out_bytes) {
+  double t0 = now_s();
+  int b = kStart, e = end, m = 1;
+  int items = app.bk_multi_set(&b, &e, &m, 1);
+  FILE* f = fopen((dir + "/one.m4v").c_str(), "wb");
+  int t = 0;
+  unsigned w = 0, h = 0, fps = 0, box = 0, data = 0;
+  *out_bytes = 0;
+  for (int i = 0; i < items; i++) {
+    while (app.bk_multi_m4v_write(f, i, 0, t, w, h, fps, true) == 1) {
+      app.bk_multi_m4v_close(f, box, data);
+      *out_bytes += box + data + 32;
+      rewind(f);
+    }
+  }
+  app.bk_multi_m4v_close(f, box, data);
+  *out_bytes += box + data + 32;
+  fclose(f);
+  app.bk_multi_set(nullptr, nullptr, nullptr, 0);
+  return now_s() - t0;
+}
+
+// Region of each minute entry of the recording: device offset and used bytes.
+struct region {
+  long long off;
+  int size;
+};
+
+std::vector<region> minute_regions(const std::string& dev) {
+  std::vector<region> out;
+  fs_db db;
+  if (db.open(0, dev.c_str(), "r") != 0) return out;
+  entryX_t root;
+  if (db.x_read(0, root) != 0) return out;
+  for (int i = 0; i < root.num; i++) {
+    entry_t h;
+    entryX_t x;
+    if (db.e_read(root, i, h) != 0 || db.x_read(h.offset, x) != 0) continue;
+    for (int j = 0; j < x.num; j++) {
+      entry_t m;
+      if (db.e_read(x, j, m) == 0) out.push_back({m.offset, m.size});
+    }
+  }
+  db.close();
+  return out;
+}
+
+double pread_loop(const std::string& image, const std::vector<region>& regions, long long* bytes) {
+  std::vector<char> buf(0x80000);
+  double t0 = now_s();
+  int fd = open(image.c_str(), O_RDONLY);
+  *bytes = 0;
+  for (const region& r : regions) {
+    for (long long done = 0; done < r.size;) {
+      long long n = std::min<long long>(static_cast<long long>(buf.size()), r.size - done);
+      g_preads++;
+      long long got = pread(fd, buf.data(), static_cast<size_t>(n), r.off + done);
+      if (got <= 0) break;
+      done += got;
+      *bytes += got;
+    }
+  }
+  close(fd);
+  return now_s() - t0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int minutes = argc > 1 ? atoi(argv[1]) : 60;
+  const char* tmp = getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp";
+  std::string dir = std::string(tmp) + "/bench_export." + std::to_string(getpid());
+  std::string root = dir + "/board";
+  if (system(("mkdir -p " + dir).c_str()) != 0) return 1;
+  std::string main_es = dir + "/main.264", sub_es = dir + "/sub.264";
+  std::string enc = "ffmpeg -v error -y -f lavfi -i testsrc2=size=%s:rate=25 -t 10 -pix_fmt yuv420p "
+                    "-c:v libx264 -preset ultrafast -b:v %s -bf 0 -g 25 "
+                    "-x264-params repeat-headers=1:slices=1 -f h264 %s";
+  char cmd[512];
+  snprintf(cmd, sizeof cmd, enc.c_str(), "640x360", "768k", main_es.c_str());
+  int rc1 = system(cmd);
+  snprintf(cmd, sizeof cmd, enc.c_str(), "320x180", "128k", sub_es.c_str());
+  if (rc1 != 0 || system(cmd) != 0) {
+    fprintf(stderr, "bench_export: ffmpeg with libx264 is needed (apt-get install ffmpeg)\n");
+    return 1;
+  }
+  std::string err;
+  long long disk = 16LL << 30;
+  if (sim::board_create(root, {{"sda", disk, "BENCH", false}}, &err) != 0) {
+    fprintf(stderr, "bench_export: %s\n", err.c_str());
+    return 1;
+  }
+  setenv("RINGREC_ROOT", root.c_str(), 1);
+
+  sim::capture_spec shape;
+  shape.channels = 16;
+  shape.fps = 25;
+  shape.block_ms = 200;
+  shape.main_input = main_es;
+  shape.sub_input = sub_es;
+  shape.main_w = 640;
+  shape.main_h = 360;
+  shape.sub_w = 320;
+  shape.sub_h = 180;
+  sim::capture cap;
+  if (cap.open(shape, kStart * 1000LL, &err) != 0) {
+    fprintf(stderr, "bench_export: %s\n", err.c_str());
+    return 1;
+  }
+  // The library's diagnostics would dominate the terminal: kept in a file.
+  std::string log = dir + "/library.log";
+  fflush(stderr);
+  int saved = dup(2);
+  int lf = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  dup2(lf, 2);
+  close(lf);
+
+  fs_app* app = new fs_app();
+  app->set(16);
+  if (app->db_open("w") < 1 || app->db_format(0) != 0) return 1;
+  sim::clock_follow();
+  std::vector<std::string> blocks;
+  std::string ch0;  // the channel's elementary stream, as recorded
+  long long stored = 0;
+  double r0 = now_s();
+  while (cap.now_ms() < (kStart + minutes * 60LL) * 1000LL) {
+    cap.next(blocks);
+    sim::clock_set(cap.time());
+    for (const std::string& b : blocks) {
+      app->write(cap.time(), static_cast<int>(b.size()), b.data());
+      stored += static_cast<long long>(b.size());
+      head_t h;
+      memcpy(&h, b.data(), sizeof h);
+      if (h.stream != 2) continue;
+      for (size_t pos = 288; pos + 44 <= 288 + static_cast<size_t>(h.size);) {
+        frame_head_t f;
+        memcpy(&f, b.data() + pos, sizeof f);
+        if (f.ch == 0 && (f.type == 0 || f.type == 1)) ch0.append(b, pos + 44, f.len);
+        pos += 44 + f.len;
+      }
+    }
+  }
+  app->flush();
+  double rec_s = now_s() - r0;
+  sim::clock_release();
+  std::string es = dir + "/ch01.264";
+  FILE* f = fopen(es.c_str(), "wb");
+  fwrite(ch0.data(), 1, ch0.size(), f);
+  fclose(f);
+  ch0.clear();
+  app->db_close();
+  app->db_open("r");
+  int end = kStart + minutes * 60 - 1;
+  audtype = 2;
+  std::vector<region> regions = minute_regions("/dev/sda");
+
+  g_real_pread = fs_sys.pread;
+  fs_sys.pread = counting_pread;
+  stat_t two, one, loop, ff;
+  long long two_bytes = 0, one_bytes = 0, loop_bytes = 0;
+  long long two_reads = 0, one_reads = 0, loop_reads = 0;
+  std::string ref = dir + "/ffmpeg.mp4";
+  for (int run = 0; run < 5; run++) {
+    g_preads = 0;
+    two.v.push_back(two_phase(*app, dir, end, &two_bytes));
+    two_reads = g_preads;
+    g_preads = 0;
+    one.v.push_back(single_pass(*app, dir, end, &one_bytes));
+    one_reads = g_preads;
+    g_preads = 0;
+    loop.v.push_back(pread_loop(root + "/dev/sda", regions, &loop_bytes));
+    loop_reads = g_preads;
+    double t0 = now_s();
+    if (system(("ffmpeg -v error -y -f h264 -i " + es + " -c copy " + ref).c_str()) != 0) return 1;
+    ff.v.push_back(now_s() - t0);
+  }
+  fs_sys.pread = g_real_pread;
+  app->db_close();
+  delete app;
+  fflush(stderr);
+  dup2(saved, 2);
+  close(saved);
+
+  double mb = loop_bytes / 1048576.0, es_mb = 0;
+  {
+    FILE* e = fopen(es.c_str(), "rb");
+    fseek(e, 0, SEEK_END);
+    es_mb = ftell(e) / 1048576.0;
+    fclose(e);
+  }
+  printf("recording: %d min, 16 channels, %.1f MB stored in %.1f s\n", minutes, stored / 1048576.0,
+         rec_s);
+  printf("channel 1: %.1f MB elementary stream; MP4 two-phase %.1f MB, single-pass %.1f MB\n",
+         es_mb, two_bytes / 1048576.0, one_bytes / 1048576.0);
+  auto line = [&](const char* name, const stat_t& s, double units) {
+    printf("%s: %.1f MB/s (median of 5, %.2f s; spread %.2f..%.2f s)\n", name,
+           units / s.median(), s.median(), s.lo(), s.hi());
+  };
+  line("two_phase_stored", two, mb);
+  line("single_pass_stored", one, mb);
+  line("pread_loop_stored", loop, mb);
+  line("ffmpeg_copy_stream", ff, es_mb);
+  printf("preads: two-phase %lld, single-pass %lld, pread loop %lld (%.1f MB)\n", two_reads,
+         one_reads, loop_reads, mb);
+  printf("ratio: two-phase / pread loop %.2f, single-pass / pread loop %.2f\n",
+         loop.median() / two.median(), loop.median() / one.median());
+  printf("ratio: two-phase / ffmpeg %.2f, single-pass / ffmpeg %.2f (same channel, wall time)\n",
+         ff.median() / two.median(), ff.median() / one.median());
+  if (system(("rm -rf " + dir).c_str()) != 0) return 1;
+  return 0;
+}
