@@ -51,6 +51,8 @@ inline bool min_in(int time, int beg, int end) {
 int read_table(fs_db* db, const entry_t* owner, entryX_t& x, std::vector<entry_t>& v);
 // The entry count to visit one by one with e_read, bounded the same way.
 int table_len(fs_db* db, const entryX_t& x, const entry_t* owner);
+// The same without an owner: only the room the volume has where the table lies.
+inline int table_len(fs_db* db, const entryX_t& x) { return table_len(db, x, nullptr); }
 
 // Appends one record to a result list, growing it by 128 elements; never shrinks.
 // When memory runs out the record is dropped rather than written through a null.
