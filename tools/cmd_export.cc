@@ -2,7 +2,7 @@
 // files a computer plays, the way the recorder's own backup menu does it.
 //
 //   ringrec export --from TIME --to TIME --ch N[,M...] OUTDIR [--substream] [--audio]
-//                  [--format mp4|irf|oem] [--single-pass] [-v]
+//                  [--format mp4|irf|oem] [--single-pass]
 //
 // MP4 (the default) goes through the two-phase export: a plan (printed), then each
 // planned file written front to back. --single-pass writes as it reads, one file
@@ -33,6 +33,8 @@
 #include <vector>
 
 #include "command.h"
+#include "quiet.h"
+#include "time_arg.h"
 
 namespace {
 
@@ -43,30 +45,12 @@ using tool::usage_error;
 
 const char* const kUsage =
     "export --from TIME --to TIME --ch N[,M...] OUTDIR [--substream] [--audio] "
-    "[--format mp4|irf|oem] [--single-pass] [-v]";
+    "[--format mp4|irf|oem] [--single-pass]";
 
 // Logical paths below the board's root, as the library resolves them.
 std::string board_path(const char* logical) {
   const char* root = getenv("RINGREC_ROOT");
   return std::string(root ? root : "") + logical;
-}
-
-bool parse_time(const std::string& s, long long* out) {
-  char* end = nullptr;
-  long long v = strtoll(s.c_str(), &end, 10);
-  if (!s.empty() && *end == 0) {
-    *out = v;
-    return true;
-  }
-  struct tm tm;
-  memset(&tm, 0, sizeof tm);
-  int n = sscanf(s.c_str(), "%d-%d-%d%*[ T]%d:%d:%d", &tm.tm_year, &tm.tm_mon, &tm.tm_mday,
-                 &tm.tm_hour, &tm.tm_min, &tm.tm_sec);
-  if (n < 5) return false;
-  tm.tm_year -= 1900;
-  tm.tm_mon -= 1;
-  *out = static_cast<long long>(timegm(&tm));
-  return true;
 }
 
 // ---- cancel: Ctrl-C creates the marker the writers test between minutes ------------
@@ -156,37 +140,6 @@ struct progress_reader {
     poll();
     if (tty && shown >= 0) fprintf(out, "\n");
     if (created) semctl(id, 0, IPC_RMID);
-  }
-};
-
-// The library's diagnostic lines go to standard error; without -v they are kept off
-// the terminal while the export runs and the tool speaks for itself.
-struct quiet_stderr {
-  int saved = -1;
-  explicit quiet_stderr(bool verbose) {
-    if (verbose) return;
-    fflush(stderr);
-    saved = dup(tool::err_fd());  // main() may already hold descriptor 2 (quiet.h)
-    int null = open("/dev/null", O_WRONLY);
-    if (null >= 0) {
-      dup2(null, 2);
-      close(null);
-    }
-  }
-  FILE* f = nullptr;
-  FILE* tool_err() {
-    if (saved < 0) return stderr;
-    if (!f) f = fdopen(dup(saved), "w");
-    if (f) setvbuf(f, nullptr, _IOLBF, 0);
-    return f ? f : stderr;
-  }
-  int fd() const { return saved < 0 ? 2 : saved; }
-  ~quiet_stderr() {
-    if (f) fclose(f);
-    if (saved < 0) return;
-    fflush(stderr);
-    dup2(saved, 2);
-    close(saved);
   }
 };
 
@@ -339,7 +292,6 @@ int single_pass(job& j) {
 int run_export(const std::vector<std::string>& in) {
   std::vector<std::string> args = in;
   std::string from, to, chs, format = "mp4";
-  bool verbose = take_flag(args, "-v") || tool::verbose();
   bool sub = take_flag(args, "--substream");
   bool audio = take_flag(args, "--audio");
   bool single = take_flag(args, "--single-pass");
@@ -351,8 +303,8 @@ int run_export(const std::vector<std::string>& in) {
   job j;
   j.dir = args[0];
   long long b = 0, e = 0;
-  if (!parse_time(from, &b)) return usage_error("export", "--from: seconds or YYYY-MM-DD HH:MM[:SS]");
-  if (!parse_time(to, &e)) return usage_error("export", "--to: seconds or YYYY-MM-DD HH:MM[:SS]");
+  if (!tool::parse_time(from, &b)) return usage_error("export", "--from: seconds or YYYY-MM-DD HH:MM[:SS]");
+  if (!tool::parse_time(to, &e)) return usage_error("export", "--to: seconds or YYYY-MM-DD HH:MM[:SS]");
   if (e < b) return usage_error("export", "--to is before --from");
   j.beg = static_cast<int>(b);
   j.end = static_cast<int>(e);
@@ -383,22 +335,25 @@ int run_export(const std::vector<std::string>& in) {
 
   g_cancel_path = board_path("/tmp/bk_cancel");
   remove(g_cancel_path.c_str());  // a marker left over from an earlier run
-  quiet_stderr quiet(verbose);
-  j.out = quiet.tool_err();
+  // The tool's own words go to the terminal's standard error, beside the library's
+  // lines that the quiet scope keeps off it.
+  FILE* tool_out = fdopen(dup(tool::err_fd()), "w");
+  if (tool_out) setvbuf(tool_out, nullptr, _IOLBF, 0);
+  j.out = tool_out ? tool_out : stderr;
   fs_app* app = new fs_app();
   j.app = app;
   app->set(32);
   if (app->db_open("r") <= 0) {
     delete app;
-    fprintf(j.out, "ringrec: no internal disks found (is --root or RINGREC_ROOT set?)\n");
-    return 1;
+    if (tool_out) fclose(tool_out);
+    return fail("no internal disks found (is --root or RINGREC_ROOT set?)");
   }
   // The recorder stores sound as IMA ADPCM; MP4 export converts it to 16-bit PCM,
   // which the "sowt" sample entry describes.
   audtype = 2;
   progress_reader prog;
   prog.out = j.out;
-  prog.tty = isatty(quiet.fd()) != 0;
+  prog.tty = isatty(tool::err_fd()) != 0;
   if (!prog.open())
     fprintf(j.out, "ringrec: no progress semaphore (%s); exporting without progress\n",
             strerror(errno));
@@ -421,9 +376,11 @@ int run_export(const std::vector<std::string>& in) {
               j.cut.c_str(), single ? "" : " and removed", j.files - (single ? 1 : 0));
     else
       fprintf(j.out, "ringrec: cancelled after %d file(s)\n", j.files);
-    return 1;
+    rc = 1;
+  } else if (rc == 0) {
+    fprintf(j.out, "exported %d file(s) into %s\n", j.files, j.dir.c_str());
   }
-  if (rc == 0) fprintf(j.out, "exported %d file(s) into %s\n", j.files, j.dir.c_str());
+  if (tool_out) fclose(tool_out);
   return rc;
 }
 

@@ -50,7 +50,7 @@ has two-phase err "export: 100%"
 has two-phase err "exported 4 file(s)"
 [ "$(ls "$o" | wc -l)" = 4 ] || { echo "FAIL two-phase: $(ls "$o")"; failures=$((failures + 1)); }
 if grep -q "PROGRESS" "$dir/err"; then echo "FAIL quiet: library lines without -v"; failures=$((failures + 1)); fi
-check verbose 0 rr --root "$b" export "${span[@]}" --ch 1 -v "$dir"
+check verbose 0 rr -v --root "$b" export "${span[@]}" --ch 1 "$dir"
 has verbose err "bk_phase_one"
 rm -f "$dir"/*.m4v
 
