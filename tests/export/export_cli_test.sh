@@ -61,5 +61,18 @@ has single err "exported 1 file(s)"
 check substream 0 rr --root "$b" export "${span[@]}" --ch 2 --substream "$o"
 has substream out "_ch02_704x576x5.m4v"
 
+# IRF: one file per hour that the ringrec irf reader accepts; OEM: one file per minute.
+rm -f "$o"/*
+check irf 0 rr --root "$b" export "${span[@]}" --ch 1,2 --format irf "$o"
+has irf out "20240301_10h59m40s.irf"
+has irf out "20240301_11h00m00s.irf"
+check irf-read 0 rr irf "$o/20240301_10h59m40s.irf"
+has irf-read out "channel 2:"
+[ -e "$b/tmp/header.irf" ] && { echo "FAIL irf: the header the tool made was left behind"; failures=$((failures + 1)); }
+rm -f "$o"/*
+check oem 0 rr --root "$b" export "${span[@]}" --ch 1 --format oem "$o"
+[ "$(ls "$o" | wc -l)" = 2 ] || { echo "FAIL oem: $(ls "$o")"; failures=$((failures + 1)); }
+check oem-flags 2 rr --root "$b" export "${span[@]}" --ch 1 --format oem --single-pass "$o"
+
 echo "$failures failed"
 [ "$failures" = 0 ]
