@@ -168,25 +168,24 @@ int walk_entry(reader& r, Fn&& fn) {
       r.off = next;
       continue;
     }
-    int pos = 0;
-    while (pos + FRAME_HEAD <= size) {
-      frame fr;
-      memcpy(&fr.f, r.q.buf + pos, FRAME_HEAD);
-      // A frame whose length runs past its block is damaged, and so is everything
-      // after it: stepping by that length would leave the block's buffer.
-      uint32_t room = static_cast<uint32_t>(size - pos - FRAME_HEAD);
-      if (fr.f.len > room) break;
+    bool stop = false;
+    const char* end_of_data = reinterpret_cast<const char*>(r.q.buf) + size;
+    bk_frames(r.h, &r.q, [&](frame_head_t& f, const char* data) {
       int c = -1;
-      if ((r.lq ? r.app->bk_check_LQ(&fr.f, c) : r.app->bk_check(&fr.f, c)) < 0) break;
-      fr.data = reinterpret_cast<const char*>(r.q.buf) + pos + FRAME_HEAD;
+      if ((r.lq ? r.app->bk_check_LQ(&f, c) : r.app->bk_check(&f, c)) < 0) return false;
+      if (c != r.ch) return true;
+      frame fr;
+      fr.f = f;
+      fr.data = data;
       // Word 9 is the length handed to the muxer; it cannot be more than the bytes
       // that follow the frame's head inside the block.
-      fr.len = fr.f.size < room ? fr.f.size : room;
-      fr.block_time = static_cast<int>(static_cast<uint32_t>(r.h.time) + r.h.time2);
-      pos += FRAME_HEAD + static_cast<int>(fr.f.len);
-      if (c != r.ch) continue;
-      if (fn(fr) == kStop) return 1;
-    }
+      uint32_t room = static_cast<uint32_t>(end_of_data - data);
+      fr.len = f.size < room ? f.size : room;
+      fr.block_time = bk_block_time(r.h);
+      if (fn(fr) == kStop) stop = true;
+      return !stop;
+    });
+    if (stop) return 1;
     r.off = next;
   }
 }
