@@ -280,6 +280,8 @@ int plan_export(fs_app& app, const char* fn, plan_kind kind, int beg, int end, i
                         static_cast<int>(row.height), static_cast<int>(row.fps), attempt, avi);
           if (!in_plan(plan, name)) break;
         }
+        // The plan buffer is the caller's, of no stated size: one line of at most
+        // about 110 bytes per planned file.
         fs_log(fn, 3185, "%s - %d\n", plan, plan_len);
         plan_len += sprintf(plan + plan_len, "%s %d %d %d %d %d %d\n", name, ch,
                             static_cast<int>(row.size), row.item, row.entry, row.off, row.time);
@@ -592,7 +594,13 @@ int fs_app::bk_write(FILE* out, int item, int ch, int& time, unsigned& width, un
     if (k == first) r.off = first_off;
     fs_log(fn, 3447, "%d, %.32s\n", k, r.e.name);
     if (bk_cancelled()) break;
-    if (ch < 0 || ch >= 60 || rec_get_count(r.e, ch) == 0) continue;
+    // The minute's per-channel counts hold 60 channels; an entry without frames of
+    // the channel is passed over, and counts as done.
+    if (ch < 0 || ch >= 60 || rec_get_count(r.e, ch) == 0) {
+      bk_state.done++;
+      bk_sem(bk_percent(bk_state.done, bk_state.total), 0);
+      continue;
+    }
     int got = walk_entry(r, [&](const frame& fr) {
       uint32_t type = fr.f.type;
       bool key = frame_is_key(type);
@@ -720,7 +728,11 @@ int fs_app::bk_multi_m4v_write(FILE* out, int item, int ch, int& time, unsigned&
     if (k == first) r.off = first_off;
     fs_log(fn, 3577, "%d, %.32s\n", k, r.e.name);
     if (bk_cancelled()) break;
-    if (ch < 0 || ch >= 60 || rec_get_count(r.e, ch) == 0) continue;
+    if (ch < 0 || ch >= 60 || rec_get_count(r.e, ch) == 0) {
+      bk_multi_state.done++;
+      bk_multi_sem(bk_percent(bk_multi_state.done, bk_multi_state.total), 0);
+      continue;
+    }
     int got = walk_entry(r, [&](const frame& fr) {
       uint32_t type = fr.f.type;
       bool key = frame_is_key(type);
