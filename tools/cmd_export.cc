@@ -166,7 +166,7 @@ struct quiet_stderr {
   explicit quiet_stderr(bool verbose) {
     if (verbose) return;
     fflush(stderr);
-    saved = dup(2);
+    saved = dup(tool::err_fd());  // main() may already hold descriptor 2 (quiet.h)
     int null = open("/dev/null", O_WRONLY);
     if (null >= 0) {
       dup2(null, 2);
@@ -339,7 +339,7 @@ int single_pass(job& j) {
 int run_export(const std::vector<std::string>& in) {
   std::vector<std::string> args = in;
   std::string from, to, chs, format = "mp4";
-  bool verbose = take_flag(args, "-v");
+  bool verbose = take_flag(args, "-v") || tool::verbose();
   bool sub = take_flag(args, "--substream");
   bool audio = take_flag(args, "--audio");
   bool single = take_flag(args, "--single-pass");

@@ -70,7 +70,7 @@ void select_range(fs_app& app, pick& p, int beg, int end, uint32_t mask) {
       fs_log(p.fn, 2517, "ERR\n");
       continue;
     }
-    int nroot = pb::table_len(db, root);
+    int nroot = pb::table_len(db, root, nullptr);
     for (int r = 0; r < nroot; r++) {
       entry_t h;
       if (db->e_read(root, r, h) != 0) break;
@@ -82,7 +82,7 @@ void select_range(fs_app& app, pick& p, int beg, int end, uint32_t mask) {
       }
       // The count comes from the disk; visiting it is bounded by where the table lies,
       // and the work estimate takes the same bound so that nch * count cannot overflow.
-      int nmin = pb::table_len(db, x);
+      int nmin = pb::table_len(db, x, &h);
       if (nmin <= 0) continue;
       entry_t m;
       bool found = false;
