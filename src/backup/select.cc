@@ -169,6 +169,7 @@ int read_block(const char* fn, int beg, int end, int ch, fs_db* db, entry_t& e, 
   long long next = static_cast<long long>(off) + BLOCK_OVERHEAD + h.size;
   if (h.size < 0 || next > e.max || next > 0x7FFFFFFFLL) return -1;
   if (h.time > end) return -1;
+  // The head counts frames of channels 0 to 58 only: a higher channel has none here.
   if (h.time < beg || (ch >= 0 && (ch >= 59 || h.count[ch] < 1))) {
     off = static_cast<int>(next);
     return 0;

@@ -43,7 +43,7 @@ check check-verbose 0 rr --root "$b" -v check sda
 has check-verbose err "CHKDSK DONE"
 
 check ls 0 rr --root "$b" ls sda
-has ls out "0 hour entries"
+has ls out "0 hours, 0 minutes"
 
 # An image path outside any board works without --root; the disk name does not.
 cp --sparse=always "$b/dev/sda" "$dir/copy.img"
