@@ -2,13 +2,14 @@
 // files a computer plays, the way the recorder's own backup menu does it.
 //
 //   ringrec export --from TIME --to TIME --ch N[,M...] OUTDIR [--substream] [--audio]
-//                  [--format mp4|irf|oem] [--single-pass] [-v]
+//                  [--format mp4|irf|oem] [--single-pass]
 //
 // MP4 (the default) goes through the two-phase export: a plan (printed), then each
 // planned file written front to back. --single-pass writes as it reads, one file
 // running across hours until the picture changes; --audio adds the sound track there
 // (two-phase files carry a channel's recorded sound as they find it). Channels count
-// from 1, as the file names show them.
+// from 1, as the file names show them. --format irf writes one IRF backup file per
+// selected hour with every chosen channel; --format oem one OEM-format file per minute.
 //
 // Progress: the tool creates the recorder's progress semaphore set, as the recorder's
 // application does, and reads it beside the export: a bar on a terminal, a line per
@@ -28,11 +29,14 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <string>
 #include <vector>
 
 #include "command.h"
+#include "quiet.h"
+#include "time_arg.h"
 
 namespace {
 
@@ -43,30 +47,12 @@ using tool::usage_error;
 
 const char* const kUsage =
     "export --from TIME --to TIME --ch N[,M...] OUTDIR [--substream] [--audio] "
-    "[--format mp4|irf|oem] [--single-pass] [-v]";
+    "[--format mp4|irf|oem] [--single-pass]";
 
 // Logical paths below the board's root, as the library resolves them.
 std::string board_path(const char* logical) {
   const char* root = getenv("RINGREC_ROOT");
   return std::string(root ? root : "") + logical;
-}
-
-bool parse_time(const std::string& s, long long* out) {
-  char* end = nullptr;
-  long long v = strtoll(s.c_str(), &end, 10);
-  if (!s.empty() && *end == 0) {
-    *out = v;
-    return true;
-  }
-  struct tm tm;
-  memset(&tm, 0, sizeof tm);
-  int n = sscanf(s.c_str(), "%d-%d-%d%*[ T]%d:%d:%d", &tm.tm_year, &tm.tm_mon, &tm.tm_mday,
-                 &tm.tm_hour, &tm.tm_min, &tm.tm_sec);
-  if (n < 5) return false;
-  tm.tm_year -= 1900;
-  tm.tm_mon -= 1;
-  *out = static_cast<long long>(timegm(&tm));
-  return true;
 }
 
 // ---- cancel: Ctrl-C creates the marker the writers test between minutes ------------
@@ -159,37 +145,6 @@ struct progress_reader {
   }
 };
 
-// The library's diagnostic lines go to standard error; without -v they are kept off
-// the terminal while the export runs and the tool speaks for itself.
-struct quiet_stderr {
-  int saved = -1;
-  explicit quiet_stderr(bool verbose) {
-    if (verbose) return;
-    fflush(stderr);
-    saved = dup(2);
-    int null = open("/dev/null", O_WRONLY);
-    if (null >= 0) {
-      dup2(null, 2);
-      close(null);
-    }
-  }
-  FILE* f = nullptr;
-  FILE* tool_err() {
-    if (saved < 0) return stderr;
-    if (!f) f = fdopen(dup(saved), "w");
-    if (f) setvbuf(f, nullptr, _IOLBF, 0);
-    return f ? f : stderr;
-  }
-  int fd() const { return saved < 0 ? 2 : saved; }
-  ~quiet_stderr() {
-    if (f) fclose(f);
-    if (saved < 0) return;
-    fflush(stderr);
-    dup2(saved, 2);
-    close(saved);
-  }
-};
-
 bool write_failed(FILE* f) {
   bool bad = fflush(f) != 0 || ferror(f) != 0;
   return fclose(f) != 0 || bad;
@@ -237,6 +192,7 @@ struct job {
   std::vector<int> chans;
   int mask;
   bool sub, audio, single;
+  std::string format;
   FILE* out;  // tool's own messages
   int files = 0;
   std::string cut;  // the file cut short by a cancel
@@ -336,10 +292,97 @@ int single_pass(job& j) {
   return 0;
 }
 
+std::string stamp(int time, const char* ext) {
+  time_t t = time;
+  struct tm tm;
+  gmtime_r(&t, &tm);
+  char b[64];
+  snprintf(b, sizeof b, "%04d%02d%02d_%02dh%02dm%02ds.%s", tm.tm_year + 1900, tm.tm_mon + 1,
+           tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, ext);
+  return b;
+}
+
+// The application prepares the IRF file header: "TOLVEX", a zero, version 0, the rest
+// zero to 4096 bytes. The tool makes one when the board has none, and removes it after.
+bool irf_header(std::string* made) {
+  std::string path = board_path("/tmp/header.irf");
+  if (access(path.c_str(), R_OK) == 0) return true;
+  FILE* f = fopen(path.c_str(), "wb");
+  if (!f) return false;
+  std::vector<char> h(4096, 0);
+  memcpy(h.data(), "TOLVEX", 6);
+  fwrite(h.data(), 1, h.size(), f);
+  fclose(f);
+  *made = path;
+  return true;
+}
+
+// IRF: one file per selected hour holding every chosen channel.
+int irf_export(job& j) {
+  std::string made;
+  if (!irf_header(&made)) return say(j, "cannot prepare the IRF header in /tmp");
+  int items = j.app->bk_set(j.beg, j.end, j.mask);
+  int rc = 0;
+  for (int item = 0; item < items && !g_cancelled; item++) {
+    std::string name = stamp(std::max(j.beg, j.app->bk_state.items[item].e.time), "irf");
+    std::string path = j.dir + "/" + name;
+    FILE* f = fopen(path.c_str(), "wb");
+    if (!f) {
+      rc = say(j, "cannot create " + path + ": " + strerror(errno));
+      break;
+    }
+    int started = 0;
+    j.app->bk_irf_write(f, item, j.mask, started);
+    if (write_failed(f)) {
+      rc = say(j, "writing " + path + " failed (is the disk full?)");
+      break;
+    }
+    if (!started) {
+      remove(path.c_str());
+      continue;
+    }
+    fprintf(stdout, "wrote %s (%lld bytes)\n", path.c_str(), size_of(path));
+    j.files++;
+    if (g_cancelled) j.cut = name;
+  }
+  if (!made.empty()) remove(made.c_str());
+  if (rc == 0 && j.files == 0 && !g_cancelled)
+    return say(j, "nothing recorded on those channels between --from and --to");
+  return rc;
+}
+
+// OEM frame format: one file per minute, named after its first frame.
+int oem_export(job& j) {
+  int items = j.app->bk_set(j.beg, j.end, j.mask);
+  std::string tmp = j.dir + "/.export.part";
+  for (int item = 0; item < items && !g_cancelled; item++) {
+    for (;;) {
+      FILE* f = fopen(tmp.c_str(), "wb");
+      if (!f) return say(j, "cannot create " + tmp + ": " + strerror(errno));
+      int ftime = 0;
+      int r = j.app->bk_kesto_write(f, item, j.mask, ftime);
+      if (write_failed(f)) return say(j, "writing " + tmp + " failed (is the disk full?)");
+      if (ftime == 0 || size_of(tmp) <= 0) {
+        remove(tmp.c_str());
+      } else {
+        std::string name = stamp(ftime, "oem");
+        std::string path = j.dir + "/" + name;
+        if (rename(tmp.c_str(), path.c_str()) != 0) return say(j, "cannot name " + path);
+        fprintf(stdout, "wrote %s (%lld bytes)\n", path.c_str(), size_of(path));
+        j.files++;
+        if (g_cancelled) j.cut = name;
+      }
+      if (r != 1) break;
+    }
+  }
+  if (j.files == 0 && !g_cancelled)
+    return say(j, "nothing recorded on those channels between --from and --to");
+  return 0;
+}
+
 int run_export(const std::vector<std::string>& in) {
   std::vector<std::string> args = in;
   std::string from, to, chs, format = "mp4";
-  bool verbose = take_flag(args, "-v");
   bool sub = take_flag(args, "--substream");
   bool audio = take_flag(args, "--audio");
   bool single = take_flag(args, "--single-pass");
@@ -351,8 +394,8 @@ int run_export(const std::vector<std::string>& in) {
   job j;
   j.dir = args[0];
   long long b = 0, e = 0;
-  if (!parse_time(from, &b)) return usage_error("export", "--from: seconds or YYYY-MM-DD HH:MM[:SS]");
-  if (!parse_time(to, &e)) return usage_error("export", "--to: seconds or YYYY-MM-DD HH:MM[:SS]");
+  if (!tool::parse_time(from, &b)) return usage_error("export", "--from: seconds or YYYY-MM-DD HH:MM[:SS]");
+  if (!tool::parse_time(to, &e)) return usage_error("export", "--to: seconds or YYYY-MM-DD HH:MM[:SS]");
   if (e < b) return usage_error("export", "--to is before --from");
   j.beg = static_cast<int>(b);
   j.end = static_cast<int>(e);
@@ -371,8 +414,8 @@ int run_export(const std::vector<std::string>& in) {
   }
   if (format != "mp4" && format != "irf" && format != "oem")
     return usage_error("export", "--format: mp4, irf or oem");
-  if (format != "mp4")
-    return fail("--format " + format + " is not available in this build: use --format mp4");
+  if (format != "mp4" && (sub || single || audio))
+    return usage_error("export", "--substream, --audio and --single-pass are for --format mp4");
   struct stat st;
   if (stat(j.dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
     return fail("output directory " + j.dir + " does not exist: create it first");
@@ -380,25 +423,29 @@ int run_export(const std::vector<std::string>& in) {
   j.sub = sub;
   j.audio = audio;
   j.single = single;
+  j.format = format;
 
   g_cancel_path = board_path("/tmp/bk_cancel");
   remove(g_cancel_path.c_str());  // a marker left over from an earlier run
-  quiet_stderr quiet(verbose);
-  j.out = quiet.tool_err();
+  // The tool's own words go to the terminal's standard error, beside the library's
+  // lines that the quiet scope keeps off it.
+  FILE* tool_out = fdopen(dup(tool::err_fd()), "w");
+  if (tool_out) setvbuf(tool_out, nullptr, _IOLBF, 0);
+  j.out = tool_out ? tool_out : stderr;
   fs_app* app = new fs_app();
   j.app = app;
   app->set(32);
   if (app->db_open("r") <= 0) {
     delete app;
-    fprintf(j.out, "ringrec: no internal disks found (is --root or RINGREC_ROOT set?)\n");
-    return 1;
+    if (tool_out) fclose(tool_out);
+    return fail("no internal disks found (is --root or RINGREC_ROOT set?)");
   }
   // The recorder stores sound as IMA ADPCM; MP4 export converts it to 16-bit PCM,
   // which the "sowt" sample entry describes.
   audtype = 2;
   progress_reader prog;
   prog.out = j.out;
-  prog.tty = isatty(quiet.fd()) != 0;
+  prog.tty = isatty(tool::err_fd()) != 0;
   if (!prog.open())
     fprintf(j.out, "ringrec: no progress semaphore (%s); exporting without progress\n",
             strerror(errno));
@@ -407,7 +454,10 @@ int run_export(const std::vector<std::string>& in) {
   sa.sa_handler = on_sigint;
   sigaction(SIGINT, &sa, &old);
   prog.start();
-  int rc = single ? single_pass(j) : two_phase(j);
+  int rc = format == "irf"   ? irf_export(j)
+           : format == "oem" ? oem_export(j)
+           : single          ? single_pass(j)
+                             : two_phase(j);
   app->bk_over();
   prog.finish();
   app->bk_clr();
@@ -418,12 +468,15 @@ int run_export(const std::vector<std::string>& in) {
     remove(g_cancel_path.c_str());
     if (!j.cut.empty())
       fprintf(j.out, "ringrec: cancelled: %s was cut short%s; %d file(s) before it are whole\n",
-              j.cut.c_str(), single ? "" : " and removed", j.files - (single ? 1 : 0));
+              j.cut.c_str(), format == "mp4" && !single ? " and removed" : "",
+              j.files - (format == "mp4" && !single ? 0 : 1));
     else
       fprintf(j.out, "ringrec: cancelled after %d file(s)\n", j.files);
-    return 1;
+    rc = 1;
+  } else if (rc == 0) {
+    fprintf(j.out, "exported %d file(s) into %s\n", j.files, j.dir.c_str());
   }
-  if (rc == 0) fprintf(j.out, "exported %d file(s) into %s\n", j.files, j.dir.c_str());
+  if (tool_out) fclose(tool_out);
   return rc;
 }
 

@@ -31,10 +31,13 @@
 
 #include "command.h"
 #include "sim/capture.h"
+#include "time_arg.h"
 
 namespace {
 
 using tool::fail;
+using tool::parse_int;
+using tool::parse_time;
 using tool::take_flag;
 using tool::take_option;
 using tool::usage_error;
@@ -44,32 +47,6 @@ struct disk_row {
   long long total, avail;
   int err;
 };
-
-bool parse_time(const std::string& s, long long* out) {
-  char* end = nullptr;
-  long long v = strtoll(s.c_str(), &end, 10);
-  if (!s.empty() && *end == 0) {
-    *out = v;
-    return true;
-  }
-  struct tm tm;
-  memset(&tm, 0, sizeof tm);
-  int n = sscanf(s.c_str(), "%d-%d-%d%*[ T]%d:%d:%d", &tm.tm_year, &tm.tm_mon, &tm.tm_mday,
-                 &tm.tm_hour, &tm.tm_min, &tm.tm_sec);
-  if (n < 5) return false;
-  tm.tm_year -= 1900;
-  tm.tm_mon -= 1;
-  *out = static_cast<long long>(timegm(&tm));
-  return true;
-}
-
-bool parse_int(const std::string& s, long long* out) {
-  char* end = nullptr;
-  long long v = strtoll(s.c_str(), &end, 0);
-  if (s.empty() || *end != 0) return false;
-  *out = v;
-  return true;
-}
 
 int open_disks(fs_app& app, const char* mode) {
   int n = app.db_open(mode);
@@ -333,7 +310,7 @@ int run_record(const std::vector<std::string>& in) {
          minutes, shape.channels, blocks, bytes >> 20, secs,
          secs > 0 ? static_cast<double>(bytes) / 1048576.0 / secs : 0.0);
   if (refused > 0) {
-    fprintf(stderr, "ringrec: %lld blocks were refused (no writable disk with room?)\n", refused);
+    tool::err("%lld blocks were refused (no writable disk with room?)", refused);
     return 1;
   }
   return 0;

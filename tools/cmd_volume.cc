@@ -1,4 +1,7 @@
 // Volume commands: sim create, format, info, check, ls.
+//
+//   ringrec ls DEV          every minute of every hour: name, first block, size, channels
+//   ringrec ls DEV --raw    the library's own listing (the last minute of each hour)
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -13,6 +16,7 @@
 
 #include "command.h"
 #include "sim/board.h"
+#include "time_arg.h"
 #include "volume_arg.h"
 
 namespace tool {
@@ -230,19 +234,106 @@ int run_check(const std::vector<std::string>& argv) {
   return 0;
 }
 
+// The entries of table x, read in runs; a run that does not read (a damaged entry) is
+// read again entry by entry so that one bad entry hides only itself. Entries that cannot
+// be read are left out and counted in *bad.
+std::vector<entry_t> read_table(fs_db& db, entryX_t& x, int* bad) {
+  // A damaged header may claim any count. A root table holds one entry per recorded
+  // hour and a minute table one per minute; 65536 is far beyond either and bounds the
+  // buffer.
+  int n = x.num < 0 ? 0 : x.num > 65536 ? 65536 : x.num;
+  std::vector<entry_t> out;
+  std::vector<entry_t> run(64);
+  for (int i = 0; i < n; i += 64) {
+    int k = n - i < 64 ? n - i : 64;
+    if (db.e_reads(x, i, run.data(), k) == 0) {
+      out.insert(out.end(), run.begin(), run.begin() + k);
+      continue;
+    }
+    for (int j = 0; j < k; j++) {
+      entry_t e;
+      if (db.e_read(x, i + j, e) == 0)
+        out.push_back(e);
+      else
+        ++*bad;
+    }
+  }
+  return out;
+}
+
+std::string channels_in(const entry_t& e) {
+  min_rec_t r;
+  memcpy(&r, &e.time, sizeof r);
+  std::string s;
+  for (int ch = 0; ch < 32; ch++)
+    if (r.count[ch] > 0) s += (s.empty() ? "" : ",") + std::to_string(ch);
+  return s.empty() ? "-" : s;
+}
+
 int run_ls(const std::vector<std::string>& argv) {
-  if (argv.size() != 1) return usage_error("ls", "give one device");
-  std::string dev = resolve_dev(argv[0]);
+  std::vector<std::string> args = argv;
+  bool raw = take_flag(args, "--raw");
+  if (args.size() != 1) return usage_error("ls", "give one device");
+  std::string dev = resolve_dev(args[0]);
   if (dev.empty()) return 1;
   fs_db db;
   if (db.open(0, dev.c_str(), "r") != 0) {
-    if (db.io->fd < 0) return fail("cannot open " + argv[0]);
-    return no_volume(argv[0]);
+    if (db.io->fd < 0) return fail("cannot open " + args[0]);
+    return no_volume(args[0]);
   }
-  int hours = root_count(db);
-  printf("%s: %d hour entries\n", argv[0].c_str(), hours);
-  to_stdout([&] { db.print(); });
+  entryX_t root;
+  if (db.x_read(0, root) != 0) {
+    db.close();
+    return fail("cannot read the root table of " + args[0] +
+                ": the volume's index is damaged ('ringrec check " + args[0] +
+                "' rebuilds what it can; -v shows the library's findings)");
+  }
+  if (raw) {
+    printf("%s: %d hour entries\n", args[0].c_str(), root.num);
+    to_stdout([&] { db.print(); });
+    db.close();
+    return 0;
+  }
+  int bad = 0;
+  std::vector<entry_t> hours = read_table(db, root, &bad);
+  std::vector<std::vector<entry_t>> minutes(hours.size());
+  long long total = 0;
+  int nmin = 0, nhour = 0;
+  for (size_t i = 0; i < hours.size(); i++) {
+    if (strncmp(hours[i].name, "HOUR_", 5) != 0) continue;
+    nhour++;
+    entryX_t x;
+    long long off = hours[i].offset;
+    if (db.x_read(off, x) != 0) {
+      bad++;
+      continue;
+    }
+    minutes[i] = read_table(db, x, &bad);
+    for (const entry_t& m : minutes[i])
+      if (strncmp(m.name, "MIN_", 4) == 0 && m.size > 0) {
+        nmin++;
+        total += m.size;
+      }
+  }
+  printf("%s: %d hour%s, %d minute%s, %s\n", args[0].c_str(), nhour, nhour == 1 ? "" : "s", nmin,
+         nmin == 1 ? "" : "s", human(total).c_str());
+  for (size_t i = 0; i < hours.size(); i++) {
+    const entry_t& h = hours[i];
+    if (strncmp(h.name, "HOUR_", 5) != 0) continue;
+    hour_rec_t hr;
+    memcpy(&hr, &h.time, sizeof hr);
+    printf("%-.32s  %s  events 0x%X\n", h.name, fmt_time(hr.time).c_str(), hr.events);
+    for (const entry_t& m : minutes[i]) {
+      if (strncmp(m.name, "MIN_", 4) != 0 || m.size <= 0) continue;
+      printf("  %-12.32s  %s  %11d bytes  channels %s\n", m.name, fmt_time(m.time).c_str(),
+             m.size, channels_in(m).c_str());
+    }
+  }
   db.close();
+  if (bad > 0)
+    return fail(std::to_string(bad) + " table" + (bad == 1 ? "" : "s") + " or entr" +
+                (bad == 1 ? "y" : "ies") + " could not be read and " + (bad == 1 ? "is" : "are") +
+                " left out; -v shows the library's findings");
   return 0;
 }
 
@@ -251,7 +342,7 @@ bool r1 = add_command({"sim create", "sim create DIR --disks N --size SIZE [--us
 bool r2 = add_command({"format", "format DEV", run_format});
 bool r3 = add_command({"info", "info DEV [--json]", run_info});
 bool r4 = add_command({"check", "check DEV", run_check});
-bool r5 = add_command({"ls", "ls DEV", run_ls});
+bool r5 = add_command({"ls", "ls DEV [--raw]", run_ls});
 
 }  // namespace
 

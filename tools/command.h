@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "quiet.h"
+
 namespace tool {
 
 // Exit status: 0 success, 1 failure, 2 bad usage.
@@ -28,10 +30,8 @@ std::vector<std::string> take_options(std::vector<std::string>& args, const std:
 bool take_flag(std::vector<std::string>& args, const std::string& name);
 
 // Usage error: prints "ringrec: <msg>" and the command's usage line; returns 2.
+// (Runtime errors: tool::fail and tool::err in quiet.h.)
 int usage_error(const std::string& cmd, const std::string& msg);
-// Runtime error: prints "ringrec: <msg>"; returns 1.
-int fail(const std::string& msg);
-
 // A progress bar on stderr when stderr is a terminal; silent otherwise.
 void progress(const char* what, double done, double total);
 void progress_end();

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "command.h"
+#include "quiet.h"
 
 namespace tool {
 
@@ -17,11 +18,12 @@ std::vector<command>& registry() {
   return r;
 }
 
-void help(FILE* out) {
-  fprintf(out,
-          "usage: ringrec [--root DIR] COMMAND [ARGS]\n"
-          "  --root DIR   use the simulated board in DIR (or set RINGREC_ROOT)\n\ncommands:\n");
-  for (const command& c : registry()) fprintf(out, "  %s\n", c.usage);
+void help(int fd) {
+  dprintf(fd,
+          "usage: ringrec [--root DIR] [-v] COMMAND [ARGS]\n"
+          "  --root DIR   use the simulated board in DIR (or set RINGREC_ROOT)\n"
+          "  -v           show the library's own diagnostic lines\n\ncommands:\n");
+  for (const command& c : registry()) dprintf(fd, "  %s\n", c.usage);
 }
 }  // namespace
 
@@ -64,43 +66,32 @@ bool take_flag(std::vector<std::string>& args, const std::string& name) {
 }
 
 int usage_error(const std::string& cmd, const std::string& msg) {
-  fprintf(stderr, "ringrec: %s\n", msg.c_str());
+  err("%s", msg.c_str());
   for (const command& c : registry())
-    if (cmd == c.name) fprintf(stderr, "usage: ringrec %s\n", c.usage);
+    if (cmd == c.name) dprintf(err_fd(), "usage: ringrec %s\n", c.usage);
   return 2;
 }
 
-int fail(const std::string& msg) {
-  fprintf(stderr, "ringrec: %s\n", msg.c_str());
-  return 1;
-}
-
 void progress(const char* what, double done, double total) {
-  if (!isatty(2) || total <= 0) return;
+  if (!isatty(err_fd()) || total <= 0) return;
   int width = 40;
   double f = done / total;
   if (f > 1) f = 1;
   int fill = static_cast<int>(f * width);
-  fprintf(stderr, "\r%-12s [%.*s%*s] %3d%%", what, fill,
+  dprintf(err_fd(), "\r%-12s [%.*s%*s] %3d%%", what, fill,
           "########################################", width - fill, "",
           static_cast<int>(f * 100));
-  fflush(stderr);
 }
 
 void progress_end() {
-  if (isatty(2)) fprintf(stderr, "\n");
+  if (isatty(err_fd())) dprintf(err_fd(), "\n");
 }
 
 }  // namespace tool
 
-int main(int argc, char** argv) {
-  std::vector<std::string> args(argv + 1, argv + argc);
-  std::string root;
-  if (tool::take_option(args, "--root", &root)) setenv("RINGREC_ROOT", root.c_str(), 1);
-  if (args.empty() || args[0] == "help" || args[0] == "--help" || args[0] == "-h") {
-    tool::help(args.empty() ? stderr : stdout);
-    return args.empty() ? 2 : 0;
-  }
+namespace {
+
+int run(const std::vector<std::string>& args) {
   // Two-word commands ("sim create") first, then one-word ones.
   for (int words = 2; words >= 1; words--) {
     if (static_cast<int>(args.size()) < words) continue;
@@ -113,7 +104,33 @@ int main(int argc, char** argv) {
       }
     }
   }
-  fprintf(stderr, "ringrec: unknown command '%s'\n", args[0].c_str());
-  tool::help(stderr);
+  tool::err("unknown command '%s'", args[0].c_str());
+  tool::help(tool::err_fd());
   return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<std::string> args(argv + 1, argv + argc);
+  std::string root;
+  if (tool::take_option(args, "--root", &root)) setenv("RINGREC_ROOT", root.c_str(), 1);
+  bool verbose = false;
+  while (tool::take_flag(args, "-v") || tool::take_flag(args, "--verbose")) verbose = true;
+  tool::set_verbose(verbose);
+  if (args.empty() || args[0] == "help" || args[0] == "--help" || args[0] == "-h") {
+    tool::help(args.empty() ? 2 : 1);
+    return args.empty() ? 2 : 0;
+  }
+  int rc;
+  {
+    tool::quiet q;
+    rc = run(args);
+    fflush(stdout);
+    int lines = tool::quiet::captured_lines();
+    if (rc == 1 && lines > 0)
+      tool::err("(the library wrote %d diagnostic line%s; -v shows them)", lines,
+                lines == 1 ? "" : "s");
+  }
+  return rc;
 }

@@ -12,7 +12,7 @@ bool bk_next_entry(fs_db* db, const entryX_t& x, entry_t& e) {
   int next = e.idx + 1;
   // The table's count comes from the disk; entries beyond where the table can lie are
   // not visited.
-  if (next < 1 || next >= x.num || next >= pb::table_len(db, x)) return false;
+  if (next < 1 || next >= x.num || next >= pb::table_len(db, x, nullptr)) return false;
   entry_t n;
   if (db->e_read(const_cast<entryX_t&>(x), next, n) != 0) return false;
   e = n;

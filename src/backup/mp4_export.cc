@@ -112,7 +112,7 @@ struct reader {
 
   reader(fs_app* a, bk_item_t* item, int channel, bool sub, const char* name)
       : app(a), it(item), multi(false), slot(0), lq(sub), ch(channel), fn(name), j(0), off(0) {
-    nent = pb::table_len(it->db, it->x);
+    nent = pb::table_len(it->db, it->x, nullptr);
     memset(&e, 0, sizeof e);
     memset(&h, 0, sizeof h);
     q.max = kBkBufSize;

@@ -70,7 +70,7 @@ void select_range(fs_app& app, pick& p, int beg, int end, uint32_t mask) {
       fs_log(p.fn, 2517, "ERR\n");
       continue;
     }
-    int nroot = pb::table_len(db, root);
+    int nroot = pb::table_len(db, root, nullptr);
     for (int r = 0; r < nroot; r++) {
       entry_t h;
       if (db->e_read(root, r, h) != 0) break;
@@ -82,7 +82,7 @@ void select_range(fs_app& app, pick& p, int beg, int end, uint32_t mask) {
       }
       // The count comes from the disk; visiting it is bounded by where the table lies,
       // and the work estimate takes the same bound so that nch * count cannot overflow.
-      int nmin = pb::table_len(db, x);
+      int nmin = pb::table_len(db, x, &h);
       if (nmin <= 0) continue;
       entry_t m;
       bool found = false;
@@ -169,6 +169,7 @@ int read_block(const char* fn, int beg, int end, int ch, fs_db* db, entry_t& e, 
   long long next = static_cast<long long>(off) + BLOCK_OVERHEAD + h.size;
   if (h.size < 0 || next > e.max || next > 0x7FFFFFFFLL) return -1;
   if (h.time > end) return -1;
+  // The head counts frames of channels 0 to 58 only: a higher channel has none here.
   if (h.time < beg || (ch >= 0 && (ch >= 59 || h.count[ch] < 1))) {
     off = static_cast<int>(next);
     return 0;

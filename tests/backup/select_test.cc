@@ -77,7 +77,8 @@ TEST_F(Select, HoursHoldingTheRangeAreSelectedWithWorkInChannelsTimesMinutes) {
   EXPECT_EQ(2 * (n0 + n1), app->bk_state.total);  // every entry of a selected hour counts
   EXPECT_EQ(0, app->bk_state.done);
   EXPECT_EQ(0u, app->bk_state.items[0].off);
-  EXPECT_EQ(v[0].e.offset, app->bk_state.items[0].x.offset);
+  long long hour_off = v[0].e.offset, table_off = app->bk_state.items[0].x.offset;
+  EXPECT_EQ(hour_off, table_off);
   std::string line = std::string("bk_set[2566]: 01: ") + v[0].e.name + " / MIN_58:30\n";
   EXPECT_NE(std::string::npos, log.find(line)) << log;
   EXPECT_EQ(2, kit::count(log, "bk_set[2566]: "));

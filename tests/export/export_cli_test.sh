@@ -50,7 +50,7 @@ has two-phase err "export: 100%"
 has two-phase err "exported 4 file(s)"
 [ "$(ls "$o" | wc -l)" = 4 ] || { echo "FAIL two-phase: $(ls "$o")"; failures=$((failures + 1)); }
 if grep -q "PROGRESS" "$dir/err"; then echo "FAIL quiet: library lines without -v"; failures=$((failures + 1)); fi
-check verbose 0 rr --root "$b" export "${span[@]}" --ch 1 -v "$dir"
+check verbose 0 rr -v --root "$b" export "${span[@]}" --ch 1 "$dir"
 has verbose err "bk_phase_one"
 rm -f "$dir"/*.m4v
 
@@ -60,6 +60,19 @@ check single 0 rr --root "$b" export "${span[@]}" --ch 2 --single-pass --audio "
 has single err "exported 1 file(s)"
 check substream 0 rr --root "$b" export "${span[@]}" --ch 2 --substream "$o"
 has substream out "_ch02_704x576x5.m4v"
+
+# IRF: one file per hour that the ringrec irf reader accepts; OEM: one file per minute.
+rm -f "$o"/*
+check irf 0 rr --root "$b" export "${span[@]}" --ch 1,2 --format irf "$o"
+has irf out "20240301_10h59m40s.irf"
+has irf out "20240301_11h00m00s.irf"
+check irf-read 0 rr irf "$o/20240301_10h59m40s.irf"
+has irf-read out "channel 2:"
+[ -e "$b/tmp/header.irf" ] && { echo "FAIL irf: the header the tool made was left behind"; failures=$((failures + 1)); }
+rm -f "$o"/*
+check oem 0 rr --root "$b" export "${span[@]}" --ch 1 --format oem "$o"
+[ "$(ls "$o" | wc -l)" = 2 ] || { echo "FAIL oem: $(ls "$o")"; failures=$((failures + 1)); }
+check oem-flags 2 rr --root "$b" export "${span[@]}" --ch 1 --format oem --single-pass "$o"
 
 echo "$failures failed"
 [ "$failures" = 0 ]

@@ -35,12 +35,15 @@ has info-json out '"data_size":54525952'
 has info-json out '"total_mb":64'
 has info-json out '"first":0'
 
+# The library's own lines stay off the terminal unless -v is given.
 check check 0 rr --root "$b" check sda
 has check out "consistent, 0 hour entries"
-has check err "CHKDSK DONE"
+grep -q "CHKDSK" "$dir/err" && { echo "FAIL check: library lines without -v"; failures=$((failures + 1)); }
+check check-verbose 0 rr --root "$b" -v check sda
+has check-verbose err "CHKDSK DONE"
 
 check ls 0 rr --root "$b" ls sda
-has ls out "0 hour entries"
+has ls out "0 hours, 0 minutes"
 
 # An image path outside any board works without --root; the disk name does not.
 cp --sparse=always "$b/dev/sda" "$dir/copy.img"
@@ -54,6 +57,9 @@ truncate -s 12M "$dir/small.img"
 check too-small 1 rr format "$dir/small.img"
 has too-small err "too small"
 check usage 2 rr info
+has usage err "usage: ringrec info"
+check bad-time 2 rr --root "$b" retain 1 --now "2024-02-30 10:00"
+has bad-time err "bad --now time"
 check unknown 2 rr frobnicate
 
 [ $failures -eq 0 ] && echo "tool_cli: all passed"
