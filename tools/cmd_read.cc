@@ -222,11 +222,13 @@ int run_search(const std::vector<std::string>& in) {
     std::sort(times.begin(), times.end());
     times.erase(std::unique(times.begin(), times.end()), times.end());
     std::string what = by_event ? event : "motion";
-    std::string on = by_event ? (mask == 0xFFFFFFFFLL ? "any channel"
-                                                      : "channels " + channels_of_mask(static_cast<uint32_t>(mask)))
+    std::string on = by_event ? (mask == 0xFFFFFFFFLL
+                                     ? "any channel"
+                                     : "channels " + channels_of_mask(static_cast<uint32_t>(mask)))
                               : "channel " + std::to_string(ch);
     if (json) {
-      printf("{\"search\": \"%s\", \"channels\": \"%s\", \"count\": %zu, \"times\": [", what.c_str(),
+      printf("{\"search\": \"%s\", \"channels\": \"%s\", \"count\": %zu, \"times\": [",
+             what.c_str(),
              by_event ? channels_of_mask(static_cast<uint32_t>(mask)).c_str()
                       : std::to_string(ch).c_str(),
              times.size());
@@ -261,10 +263,11 @@ int run_search(const std::vector<std::string>& in) {
     if (json) {
       printf("%s\n  {\"device\": \"%s\", \"spans\": [", shown ? "," : "", v.name(d));
       for (size_t i = 0; i < sp.size(); i++)
-        printf("%s\n    {\"from\": %lld, \"to\": %lld, \"minutes\": %d, \"from_utc\": \"%s\", "
-               "\"to_utc\": \"%s\"}",
-               i ? "," : "", sp[i].from, sp[i].to, sp[i].minutes, fmt_time(sp[i].from).c_str(),
-               fmt_time(sp[i].to).c_str());
+        printf(
+            "%s\n    {\"from\": %lld, \"to\": %lld, \"minutes\": %d, \"from_utc\": \"%s\", "
+            "\"to_utc\": \"%s\"}",
+            i ? "," : "", sp[i].from, sp[i].to, sp[i].minutes, fmt_time(sp[i].from).c_str(),
+            fmt_time(sp[i].to).c_str());
       printf("%s]}", sp.empty() ? "" : "\n  ");
     } else {
       if (sp.empty())
@@ -548,20 +551,25 @@ int run_timeline(const std::vector<std::string>& in) {
   int recorded = 0, with[4] = {0, 0, 0, 0};
   for (int h = 0; h < 24; h++) {
     int y = top + h * rh;
-    fprintf(f, "<text x=\"%d\" y=\"%d\" text-anchor=\"end\">%02d:00</text>\n", left - 8,
-            y + rh - 6, h);
+    fprintf(f, "<text x=\"%d\" y=\"%d\" text-anchor=\"end\">%02d:00</text>\n", left - 8, y + rh - 6,
+            h);
     for (int mi = 0; mi < 60; mi++) {
       int k = marks[static_cast<size_t>(h * 60 + mi)];
       int x = left + mi * cw;
       fprintf(f,
               "<rect x=\"%d\" y=\"%d\" width=\"%d\" height=\"%d\" fill=\"%s\" "
               "stroke=\"#dddddd\"><title>%02d:%02d%s</title></rect>\n",
-              x, y, cw, rh, k & 1 ? "#7fa7d9" : "#f4f4f4", h, mi,
-              k & 1 ? " recorded" : "");
+              x, y, cw, rh, k & 1 ? "#7fa7d9" : "#f4f4f4", h, mi, k & 1 ? " recorded" : "");
       // Events: three stripes across the minute, one colour each.
-      if (k & 2) fprintf(f, "<rect x=\"%d\" y=\"%d\" width=\"%d\" height=\"5\" fill=\"#f08c00\"/>\n", x + 1, y + 1, cw - 2);
-      if (k & 4) fprintf(f, "<rect x=\"%d\" y=\"%d\" width=\"%d\" height=\"5\" fill=\"#d9480f\"/>\n", x + 1, y + 7, cw - 2);
-      if (k & 8) fprintf(f, "<rect x=\"%d\" y=\"%d\" width=\"%d\" height=\"5\" fill=\"#7b2cbf\"/>\n", x + 1, y + 13, cw - 2);
+      if (k & 2)
+        fprintf(f, "<rect x=\"%d\" y=\"%d\" width=\"%d\" height=\"5\" fill=\"#f08c00\"/>\n", x + 1,
+                y + 1, cw - 2);
+      if (k & 4)
+        fprintf(f, "<rect x=\"%d\" y=\"%d\" width=\"%d\" height=\"5\" fill=\"#d9480f\"/>\n", x + 1,
+                y + 7, cw - 2);
+      if (k & 8)
+        fprintf(f, "<rect x=\"%d\" y=\"%d\" width=\"%d\" height=\"5\" fill=\"#7b2cbf\"/>\n", x + 1,
+                y + 13, cw - 2);
       for (int bit = 0; bit < 4; bit++) with[bit] += (k >> bit) & 1;
       recorded += k & 1;
     }
@@ -578,9 +586,10 @@ int run_timeline(const std::vector<std::string>& in) {
   }
   fprintf(f, "</svg>\n");
   if (fclose(f) != 0) return fail("writing " + out + " failed: check the free space");
-  printf("%s: %s, %d minutes recorded, %d with motion, %d with video loss, %d with sensor "
-         "events\n",
-         out.c_str(), d.c_str(), recorded, with[1], with[2], with[3]);
+  printf(
+      "%s: %s, %d minutes recorded, %d with motion, %d with video loss, %d with sensor "
+      "events\n",
+      out.c_str(), d.c_str(), recorded, with[1], with[2], with[3]);
   return 0;
 }
 

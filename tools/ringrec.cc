@@ -79,8 +79,7 @@ void progress(const char* what, double done, double total) {
   if (f > 1) f = 1;
   int fill = static_cast<int>(f * width);
   dprintf(err_fd(), "\r%-12s [%.*s%*s] %3d%%", what, fill,
-          "########################################", width - fill, "",
-          static_cast<int>(f * 100));
+          "########################################", width - fill, "", static_cast<int>(f * 100));
 }
 
 void progress_end() {

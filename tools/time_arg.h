@@ -122,8 +122,8 @@ inline std::string fmt_time(long long t) {
   int m, d;
   civil_from_days(day, &y, &m, &d);
   char buf[48];
-  snprintf(buf, sizeof buf, "%04lld-%02d-%02d %02d:%02d:%02d", y, m, d,
-           static_cast<int>(s / 3600), static_cast<int>(s / 60 % 60), static_cast<int>(s % 60));
+  snprintf(buf, sizeof buf, "%04lld-%02d-%02d %02d:%02d:%02d", y, m, d, static_cast<int>(s / 3600),
+           static_cast<int>(s / 60 % 60), static_cast<int>(s % 60));
   return buf;
 }
 

@@ -1,7 +1,7 @@
 // Command-line times: the epochs below were computed with `date -u -d ... +%s`.
-#include <gtest/gtest.h>
-
 #include "time_arg.h"
+
+#include <gtest/gtest.h>
 
 namespace {
 
