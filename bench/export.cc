@@ -90,7 +90,8 @@ double single_pass(fs_app& app, const std::string& dir, int end, long long* out_
   app.bk_multi_m4v_close(f, box, data);
   *out_bytes += box + data + 32;
   fclose(f);
-  app.bk_multi_set(nullptr, nullptr, nullptr, 0);
+  free(app.bk_multi_state.items);
+  memset(&app.bk_multi_state, 0, sizeof app.bk_multi_state);
   return now_s() - t0;
 }
 

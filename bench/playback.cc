@@ -147,6 +147,7 @@ int disk_of(fs_app& app) {
 // r_data per block. Returns the data bytes; fills `spans` when given.
 long long play_hour(fs_app& app, int h0, bool fwd, std::vector<char>& buf, std::vector<span>* spans) {
   long long bytes = 0;
+  bool entered = false;
   if (fwd) {
     if (app.r_set(h0, 0) != 0) return -1;
   } else {
@@ -154,9 +155,19 @@ long long play_hour(fs_app& app, int h0, bool fwd, std::vector<char>& buf, std::
     if (app.r_set(h0 + 3600, 0) != 0 || app.r_next(-1) != 0) return -1;
   }
   for (;;) {
-    if (app.r_cur.min.time / 3600 != h0 / 3600) break;
+    // The head is read before the hour is looked at, as a player does after each step:
+    // positioning by time trusts the head buffer to belong to the current minute.
     head_t* h = app.r_head();
     if (h == nullptr) return -1;
+    bool in = app.r_cur.min.time / 3600 == h0 / 3600;
+    // Positioning by time may start on the previous minute's key-frame index records,
+    // stamped when they were written, in the first second of this hour.
+    if (!in && fwd && !entered) {
+      if (app.r_seek(1) != 0 && app.r_next(1) != 0) return -1;
+      continue;
+    }
+    if (!in) break;
+    entered = true;
     int size = h->size;
     if (static_cast<int>(buf.size()) < size) buf.resize(static_cast<size_t>(size));
     if (app.r_data(buf.data(), size) != 0) return -1;

@@ -284,7 +284,10 @@ int single_pass(job& j) {
       }
     }
     if (f && finish() != 0) return 1;
-    j.app->bk_multi_set(nullptr, nullptr, nullptr, 0);
+    // The multi selection has no clear of its own and a new selection zeroes its
+    // fields without freeing: the array goes back here (its writer is closed above).
+    free(j.app->bk_multi_state.items);
+    memset(&j.app->bk_multi_state, 0, sizeof j.app->bk_multi_state);
     if (g_cancelled) break;
   }
   if (j.files == 0 && !g_cancelled)

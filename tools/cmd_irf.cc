@@ -85,9 +85,11 @@ int run_irf(const std::vector<std::string>& args_in) {
   int ch = -1;
   for (size_t i = 0; i < args.size(); i++) {
     if (args[i] != "--extract") continue;
-    if (i + 2 >= args.size()) return tool::usage_error("irf", "--extract wants a channel and a file");
+    if (i + 2 >= args.size())
+      return tool::usage_error("irf", "--extract wants a channel and a file");
     if (!parse_ch(args[i + 1], ch))
-      return tool::usage_error("irf", "--extract wants a channel number 1 to 32, not " + args[i + 1]);
+      return tool::usage_error("irf",
+                               "--extract wants a channel number 1 to 32, not " + args[i + 1]);
     raw_out = args[i + 2];
     args.erase(args.begin() + i, args.begin() + i + 3);
     break;
@@ -102,8 +104,9 @@ int run_irf(const std::vector<std::string>& args_in) {
     return tool::fail("cannot open " + path + ": check the path and that the stick is mounted");
   if (app.usb_check_irf_header(app.usb_f) != 1) {
     app.usb_close_irf();
-    return tool::fail(path + " is not an IRF backup: its first 8 bytes are not \"TOLVEX\", 0, "
-                             "version 0 (a file cut short, another format, or a missing header)");
+    return tool::fail(path +
+                      " is not an IRF backup: its first 8 bytes are not \"TOLVEX\", 0, "
+                      "version 0 (a file cut short, another format, or a missing header)");
   }
   int size = 0;
   app.usb_reset_irf(size);
@@ -114,8 +117,9 @@ int run_irf(const std::vector<std::string>& args_in) {
   long long bad_links = 0;
   bool cut = false;
   long long cut_at = 0;
-  if (list) printf("%10s  %-5s  %2s  %8s  %10s  %-9s  %3s  %10s  %10s\n", "offset", "kind", "ch",
-                   "bytes", "link", "picture", "fps", "w5", "w6");
+  if (list)
+    printf("%10s  %-5s  %2s  %8s  %10s  %-9s  %3s  %10s  %10s\n", "offset", "kind", "ch", "bytes",
+           "link", "picture", "fps", "w5", "w6");
   long long n = walk(app, size, false, &cut, &cut_at,
                      [&](long pos, const irf_frame_rec_t& r, const std::vector<char>&) {
                        chan_stats& s = stats[static_cast<int>(r.ch)];
@@ -144,13 +148,15 @@ int run_irf(const std::vector<std::string>& args_in) {
   printf("%s: IRF, %d bytes, %lld frame records\n", path.c_str(), size, n);
   for (auto& kv : stats) {
     const chan_stats& s = kv.second;
-    printf("  channel %d: %lld video frames (%lld key), %lld audio frames, %lld bytes", kv.first + 1,
-           s.video, s.keys, s.audio, s.bytes);
+    printf("  channel %d: %lld video frames (%lld key), %lld audio frames, %lld bytes",
+           kv.first + 1, s.video, s.keys, s.audio, s.bytes);
     if (s.w) printf(", %ux%u at %u/s", s.w, s.h, s.fps);
     printf("\n");
   }
   if (bad_links) printf("  %lld back links point at no earlier key frame\n", bad_links);
-  if (cut) printf("  the records end at offset %lld, before the end of the file: damaged or cut short\n", cut_at);
+  if (cut)
+    printf("  the records end at offset %lld, before the end of the file: damaged or cut short\n",
+           cut_at);
 
   if (raw_out.empty() && !want_mp4) {
     app.usb_close_irf();
@@ -190,8 +196,9 @@ int run_irf(const std::vector<std::string>& args_in) {
            decided = true;
            if (want_mp4) {
              m = new fs_mp4(hevc ? "hvc1" : "avc1");
-             m->set(static_cast<unsigned short>(stats[ch].w), static_cast<unsigned short>(stats[ch].h),
-                    stats[ch].fps ? stats[ch].fps : 25, static_cast<unsigned>(time(nullptr)));
+             m->set(static_cast<unsigned short>(stats[ch].w),
+                    static_cast<unsigned short>(stats[ch].h), stats[ch].fps ? stats[ch].fps : 25,
+                    static_cast<unsigned>(time(nullptr)));
            }
          }
          if (raw) fwrite(d.data(), 1, d.size(), raw);

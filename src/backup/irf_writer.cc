@@ -149,8 +149,16 @@ int fs_app::bk_irf_write(FILE* out, int item, int chbits, int& started) {
     fs_log("bk_irf_write", 3152, "ERR: item = %d, num = %d\n", item, bk_state.num);
     return -1;
   }
-  irf_run run = {"bk_irf_write", false, static_cast<uint32_t>(chbits), true,
-                 &bk_state.items[item], &bk_state.done, &bk_state.total, out, &started, 0};
+  irf_run run = {"bk_irf_write",
+                 false,
+                 static_cast<uint32_t>(chbits),
+                 true,
+                 &bk_state.items[item],
+                 &bk_state.done,
+                 &bk_state.total,
+                 out,
+                 &started,
+                 0};
   copy_item(*this, run, item);
   return 0;
 }
@@ -165,8 +173,16 @@ int fs_app::bk_multi_irf_write(FILE* out, int item, int ch, int& lastkey, bool a
   }
   bk_item_t* it = &bk_multi_state.items[item];
   fs_log("bk_multi_irf_write", 3246, "%.2d: %.32s\n", item, it->e.name);
-  irf_run run = {"bk_multi_irf_write", true, 1u << ch, audio, it, &bk_multi_state.done,
-                 &bk_multi_state.total, out, &lastkey, lastkey == 0 ? -1 : lastkey};
+  irf_run run = {"bk_multi_irf_write",
+                 true,
+                 1u << ch,
+                 audio,
+                 it,
+                 &bk_multi_state.done,
+                 &bk_multi_state.total,
+                 out,
+                 &lastkey,
+                 lastkey == 0 ? -1 : lastkey};
   copy_item(*this, run, item);
   return 0;
 }

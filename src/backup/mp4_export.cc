@@ -168,25 +168,24 @@ int walk_entry(reader& r, Fn&& fn) {
       r.off = next;
       continue;
     }
-    int pos = 0;
-    while (pos + FRAME_HEAD <= size) {
-      frame fr;
-      memcpy(&fr.f, r.q.buf + pos, FRAME_HEAD);
-      // A frame whose length runs past its block is damaged, and so is everything
-      // after it: stepping by that length would leave the block's buffer.
-      uint32_t room = static_cast<uint32_t>(size - pos - FRAME_HEAD);
-      if (fr.f.len > room) break;
+    bool stop = false;
+    const char* end_of_data = reinterpret_cast<const char*>(r.q.buf) + size;
+    bk_frames(r.h, &r.q, [&](frame_head_t& f, const char* data) {
       int c = -1;
-      if ((r.lq ? r.app->bk_check_LQ(&fr.f, c) : r.app->bk_check(&fr.f, c)) < 0) break;
-      fr.data = reinterpret_cast<const char*>(r.q.buf) + pos + FRAME_HEAD;
+      if ((r.lq ? r.app->bk_check_LQ(&f, c) : r.app->bk_check(&f, c)) < 0) return false;
+      if (c != r.ch) return true;
+      frame fr;
+      fr.f = f;
+      fr.data = data;
       // Word 9 is the length handed to the muxer; it cannot be more than the bytes
       // that follow the frame's head inside the block.
-      fr.len = fr.f.size < room ? fr.f.size : room;
-      fr.block_time = static_cast<int>(static_cast<uint32_t>(r.h.time) + r.h.time2);
-      pos += FRAME_HEAD + static_cast<int>(fr.f.len);
-      if (c != r.ch) continue;
-      if (fn(fr) == kStop) return 1;
-    }
+      uint32_t room = static_cast<uint32_t>(end_of_data - data);
+      fr.len = f.size < room ? f.size : room;
+      fr.block_time = bk_block_time(r.h);
+      if (fn(fr) == kStop) stop = true;
+      return !stop;
+    });
+    if (stop) return 1;
     r.off = next;
   }
 }
@@ -281,6 +280,8 @@ int plan_export(fs_app& app, const char* fn, plan_kind kind, int beg, int end, i
                         static_cast<int>(row.height), static_cast<int>(row.fps), attempt, avi);
           if (!in_plan(plan, name)) break;
         }
+        // The plan buffer is the caller's, of no stated size: one line of at most
+        // about 110 bytes per planned file.
         fs_log(fn, 3185, "%s - %d\n", plan, plan_len);
         plan_len += sprintf(plan + plan_len, "%s %d %d %d %d %d %d\n", name, ch,
                             static_cast<int>(row.size), row.item, row.entry, row.off, row.time);
@@ -593,7 +594,13 @@ int fs_app::bk_write(FILE* out, int item, int ch, int& time, unsigned& width, un
     if (k == first) r.off = first_off;
     fs_log(fn, 3447, "%d, %.32s\n", k, r.e.name);
     if (bk_cancelled()) break;
-    if (ch < 0 || ch >= 60 || rec_get_count(r.e, ch) == 0) continue;
+    // The minute's per-channel counts hold 60 channels; an entry without frames of
+    // the channel is passed over, and counts as done.
+    if (ch < 0 || ch >= 60 || rec_get_count(r.e, ch) == 0) {
+      bk_state.done++;
+      bk_sem(bk_percent(bk_state.done, bk_state.total), 0);
+      continue;
+    }
     int got = walk_entry(r, [&](const frame& fr) {
       uint32_t type = fr.f.type;
       bool key = frame_is_key(type);
@@ -721,7 +728,11 @@ int fs_app::bk_multi_m4v_write(FILE* out, int item, int ch, int& time, unsigned&
     if (k == first) r.off = first_off;
     fs_log(fn, 3577, "%d, %.32s\n", k, r.e.name);
     if (bk_cancelled()) break;
-    if (ch < 0 || ch >= 60 || rec_get_count(r.e, ch) == 0) continue;
+    if (ch < 0 || ch >= 60 || rec_get_count(r.e, ch) == 0) {
+      bk_multi_state.done++;
+      bk_multi_sem(bk_percent(bk_multi_state.done, bk_multi_state.total), 0);
+      continue;
+    }
     int got = walk_entry(r, [&](const frame& fr) {
       uint32_t type = fr.f.type;
       bool key = frame_is_key(type);

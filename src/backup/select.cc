@@ -155,8 +155,8 @@ namespace {
 
 // The reader shared by bk_read and bk_multi_read: fn names it in messages, [beg, end]
 // are the bounds it stops at.
-int read_block(const char* fn, int beg, int end, int ch, fs_db* db, entry_t& e, int& off,
-               head_t& h, q_t* q) {
+int read_block(const char* fn, int beg, int end, int ch, fs_db* db, entry_t& e, int& off, head_t& h,
+               q_t* q) {
   if (db == nullptr || off < 0) return -1;
   if (db->d_read(e, off, BLOCK_HEAD, &h) != 0) return -1;
   if (!block_head_valid(h)) {
@@ -196,11 +196,10 @@ int fs_app::bk_read(int ch, fs_db* db, entry_t& e, int& off, head_t& h, q_t* q) 
 
 // The slot's bounds. The writers pass their item number as the slot, so an item beyond
 // the five slots has no bounds of its own: it reads nothing.
-int fs_app::bk_multi_read(int ch, int slot, fs_db* db, entry_t& e, int& off, head_t& h,
-                          q_t* q) {
+int fs_app::bk_multi_read(int ch, int slot, fs_db* db, entry_t& e, int& off, head_t& h, q_t* q) {
   if (slot < 0 || slot >= kBkSlots) return -1;
-  return read_block("bk_multi_read", bk_multi_state.beg[slot], bk_multi_state.end[slot], ch,
-                    db, e, off, h, q);
+  return read_block("bk_multi_read", bk_multi_state.beg[slot], bk_multi_state.end[slot], ch, db, e,
+                    off, h, q);
 }
 
 namespace {

@@ -102,7 +102,9 @@ inline std::vector<block> scene(int t0, int seconds, int channels, int gop = 4, 
       bool key = s >= first_key && (s - first_key) % gop == 0;
       uint32_t type = codec == 265 ? (key ? 11 : 12) : (key ? 0 : 1);
       uint32_t seed = static_cast<uint32_t>(b.time) * 64u + static_cast<uint32_t>(ch);
-      b.frames.push_back(make_frame(type, ch, 2, 100 + static_cast<int>((static_cast<uint32_t>(b.time) * 37u + ch * 11u) % 400u), seed));
+      b.frames.push_back(make_frame(
+          type, ch, 2,
+          100 + static_cast<int>((static_cast<uint32_t>(b.time) * 37u + ch * 11u) % 400u), seed));
       b.frames.push_back(make_frame(2, ch, 2, 80, seed + 7));
     }
     seal(b);

@@ -51,7 +51,8 @@ long long backup_all(int beg, int end) {
   n = app.bk_multi_set(b, e, m, 2);
   FILE* f = tmpfile();
   int lastkey = 0;
-  for (int i = 0; i < n; i++) EXPECT_EQ(0, app.bk_multi_irf_write(f, i, i == 0 ? 0 : 2, lastkey, true));
+  for (int i = 0; i < n; i++)
+    EXPECT_EQ(0, app.bk_multi_irf_write(f, i, i == 0 ? 0 : 2, lastkey, true));
   bytes += file_size(f);
   fclose(f);
   app.db_close();
@@ -143,7 +144,7 @@ TEST_F(Damage, BackupReadersSurviveDamagedHeadsFramesAndMinuteTables) {
   EXPECT_EQ(16, kinds[0]);
   EXPECT_EQ(16, kinds[1]);
   EXPECT_EQ(16, kinds[2]);
-  EXPECT_GT(changed, 24);  // the damage reached what was read
+  EXPECT_GT(changed, 24);                     // the damage reached what was read
   EXPECT_EQ(base, backup_all(t0, t0 + 199));  // every patch was undone
 }
 
@@ -195,9 +196,13 @@ TEST(DamagedIrf, TheUsbReaderStaysInsideEveryDamagedFile) {
         memcpy(&n, &d[rec + 20], 4);
         rec += 68 + n;
       }
-      uint32_t vals[] = {0xFFFFFFFF, 0x7FFFFFFF, static_cast<uint32_t>(rng()),
-                         static_cast<uint32_t>(rec), static_cast<uint32_t>(d.size() + 10),
-                         102401, 0};
+      uint32_t vals[] = {0xFFFFFFFF,
+                         0x7FFFFFFF,
+                         static_cast<uint32_t>(rng()),
+                         static_cast<uint32_t>(rec),
+                         static_cast<uint32_t>(d.size() + 10),
+                         102401,
+                         0};
       uint32_t val = vals[rng() % 7];
       size_t field = kind == 2 ? 0 : kind == 3 ? 20 : kind == 4 ? 52 : 40;
       memcpy(&d[rec + field], &val, 4);
@@ -243,9 +248,9 @@ TEST(DamagedIrf, TheUsbReaderStaysInsideEveryDamagedFile) {
   }
   app.usb_close_irf();
   EXPECT_EQ(1200, files);
-  EXPECT_GT(rejected, 0);               // damage inside the header's first 8 bytes
-  EXPECT_GT(complete, 100);             // damage elsewhere (data bytes, links) reads through
-  EXPECT_GT(short_walks, 300);          // truncations and broken syncs or lengths stop early
+  EXPECT_GT(rejected, 0);       // damage inside the header's first 8 bytes
+  EXPECT_GT(complete, 100);     // damage elsewhere (data bytes, links) reads through
+  EXPECT_GT(short_walks, 300);  // truncations and broken syncs or lengths stop early
   EXPECT_GT(back_walks, 0);
 }
 

@@ -217,9 +217,17 @@ TEST(Check, FramesAreClassifiedByTypeAndStream) {
     uint32_t type, stream;
     int main_ch, lq_ch, ret;  // expected ch (-1 untouched) and result
   } rows[] = {
-      {0, 0, 6, 6, 0},   {1, 1, 6, 6, 0},   {11, 2, 6, -1, 0}, {12, 3, -1, 6, 0},
-      {0, 4, -1, -1, 0}, {2, 3, 6, 6, 0},   {2, 9, 6, 6, 0},   {5, 0, -1, -1, 0},
-      {22, 0, -1, -1, 0}, {23, 0, -1, -1, -1}, {0xFFFFFFFF, 0, -1, -1, -1},
+      {0, 0, 6, 6, 0},
+      {1, 1, 6, 6, 0},
+      {11, 2, 6, -1, 0},
+      {12, 3, -1, 6, 0},
+      {0, 4, -1, -1, 0},
+      {2, 3, 6, 6, 0},
+      {2, 9, 6, 6, 0},
+      {5, 0, -1, -1, 0},
+      {22, 0, -1, -1, 0},
+      {23, 0, -1, -1, -1},
+      {0xFFFFFFFF, 0, -1, -1, -1},
   };
   kit::StderrCapture err;
   for (const row& r : rows) {

@@ -314,9 +314,8 @@ TEST_F(Writers, OemWritesOneFilePerMinuteWithPreviousLengthLinks) {
   } while (r == 1);
   std::string log = err.take();
   ASSERT_EQ(3u, files.size());
-  EXPECT_NE(std::string::npos, log.find("bk_kesto_write[4201]: ftime = " +
-                                        std::to_string(t0 + 1) + ", head.tim = " +
-                                        std::to_string(rec::kHour0 + 60) + "\n"))
+  EXPECT_NE(std::string::npos, log.find("bk_kesto_write[4201]: ftime = " + std::to_string(t0 + 1) +
+                                        ", head.tim = " + std::to_string(rec::kHour0 + 60) + "\n"))
       << log;
   for (int m = 0; m < 3; m++) {
     int lo = std::max(t0, rec::kHour0 + 60 * m), hi = std::min(t0 + 90, rec::kHour0 + 60 * m + 59);

@@ -1,6 +1,7 @@
 #include "export_kit.h"
 
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <sstream>
@@ -176,6 +177,10 @@ std::vector<out_file> multi_pass(fs_app& app, const std::string& dir, int beg, i
     }
   }
   if (f) finish();
+  // A new multi selection zeroes the state without freeing its array, as the
+  // application frees it between runs.
+  free(app.bk_multi_state.items);
+  memset(&app.bk_multi_state, 0, sizeof app.bk_multi_state);
   return files;
 }
 
