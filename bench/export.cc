@@ -148,9 +148,10 @@ int main(int argc, char** argv) {
   std::string root = dir + "/board";
   if (system(("mkdir -p " + dir).c_str()) != 0) return 1;
   std::string main_es = dir + "/main.264", sub_es = dir + "/sub.264";
-  std::string enc = "ffmpeg -v error -y -f lavfi -i testsrc2=size=%s:rate=25 -t 10 -pix_fmt yuv420p "
-                    "-c:v libx264 -preset ultrafast -b:v %s -bf 0 -g 25 "
-                    "-x264-params repeat-headers=1:slices=1 -f h264 %s";
+  std::string enc =
+      "ffmpeg -v error -y -f lavfi -i testsrc2=size=%s:rate=25 -t 10 -pix_fmt yuv420p "
+      "-c:v libx264 -preset ultrafast -b:v %s -bf 0 -g 25 "
+      "-x264-params repeat-headers=1:slices=1 -f h264 %s";
   char cmd[512];
   snprintf(cmd, sizeof cmd, enc.c_str(), "640x360", "768k", main_es.c_str());
   int rc1 = system(cmd);
@@ -268,8 +269,8 @@ int main(int argc, char** argv) {
   printf("channel 1: %.1f MB elementary stream; MP4 two-phase %.1f MB, single-pass %.1f MB\n",
          es_mb, two_bytes / 1048576.0, one_bytes / 1048576.0);
   auto line = [&](const char* name, const stat_t& s, double units) {
-    printf("%s: %.1f MB/s (median of 5, %.2f s; spread %.2f..%.2f s)\n", name,
-           units / s.median(), s.median(), s.lo(), s.hi());
+    printf("%s: %.1f MB/s (median of 5, %.2f s; spread %.2f..%.2f s)\n", name, units / s.median(),
+           s.median(), s.lo(), s.hi());
   };
   line("two_phase_stored", two, mb);
   line("single_pass_stored", one, mb);

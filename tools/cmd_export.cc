@@ -397,8 +397,10 @@ int run_export(const std::vector<std::string>& in) {
   job j;
   j.dir = args[0];
   long long b = 0, e = 0;
-  if (!tool::parse_time(from, &b)) return usage_error("export", "--from: seconds or YYYY-MM-DD HH:MM[:SS]");
-  if (!tool::parse_time(to, &e)) return usage_error("export", "--to: seconds or YYYY-MM-DD HH:MM[:SS]");
+  if (!tool::parse_time(from, &b))
+    return usage_error("export", "--from: seconds or YYYY-MM-DD HH:MM[:SS]");
+  if (!tool::parse_time(to, &e))
+    return usage_error("export", "--to: seconds or YYYY-MM-DD HH:MM[:SS]");
   if (e < b) return usage_error("export", "--to is before --from");
   j.beg = static_cast<int>(b);
   j.end = static_cast<int>(e);

@@ -136,8 +136,7 @@ struct reader {
   // being recorded has grown since, and its new blocks belong to the export.
   bool grown() {
     entry_t fresh;
-    if (it->db->e_read(it->x, j, fresh) != 0 || !pb::same_name(fresh, e) ||
-        fresh.size <= e.size)
+    if (it->db->e_read(it->x, j, fresh) != 0 || !pb::same_name(fresh, e) || fresh.size <= e.size)
       return false;
     e = fresh;
     return true;
@@ -421,8 +420,7 @@ int fs_app::bk_phase_one(char const* dir, int beg, int end, int chbits, char* pl
 
 int fs_app::bk_phase_one_substream(char const* dir, int beg, int end, int chbits, char* plan) {
   (void)dir;
-  return plan_export(*this, "bk_phase_one_substream", kPlanSub, beg, end, chbits, plan,
-                     nullptr);
+  return plan_export(*this, "bk_phase_one_substream", kPlanSub, beg, end, chbits, plan, nullptr);
 }
 
 int fs_app::bk_phase_two(FILE* out, char const* name, int ch, int size, int item, int entry,
@@ -434,8 +432,7 @@ int fs_app::bk_phase_two(FILE* out, char const* name, int ch, int size, int item
 int fs_app::bk_phase_two_substream(FILE* out, char const* name, int ch, int size, int item,
                                    int entry, int offset) {
   (void)name;
-  return write_planned(*this, "bk_phase_two_substream", true, out, ch, size, item, entry,
-                       offset);
+  return write_planned(*this, "bk_phase_two_substream", true, out, ch, size, item, entry, offset);
 }
 
 int fs_app::write_to_m4vbackupInfo(m4vbackupInfo* info, char const* name, int size, int item,
@@ -461,8 +458,7 @@ int fs_app::bk_phase_oneWithTARVO(char const* dir, int beg, int end, int chbits,
                                   m4vbackupInfo* info) {
   (void)dir;
   if (info == nullptr) return -1;
-  return plan_export(*this, "bk_phase_oneWithTARVO", kPlanTarvo, beg, end, chbits, nullptr,
-                     info);
+  return plan_export(*this, "bk_phase_oneWithTARVO", kPlanTarvo, beg, end, chbits, nullptr, info);
 }
 
 int fs_app::bk_phase_twoWithTARVO(FILE* out, m4vbackupInfo* info) {

@@ -94,8 +94,8 @@ std::vector<out_file> two_phase(fs_app& app, const std::string& dir, int beg, in
   for (const std::string& l : ls) {
     char name[128];
     int ch, size, item, entry, off, t;
-    EXPECT_EQ(7, sscanf(l.c_str(), "%127s %d %d %d %d %d %d", name, &ch, &size, &item, &entry,
-                        &off, &t))
+    EXPECT_EQ(
+        7, sscanf(l.c_str(), "%127s %d %d %d %d %d %d", name, &ch, &size, &item, &entry, &off, &t))
         << l;
     out_file o;
     o.path = dir + "/" + name;

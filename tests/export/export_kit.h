@@ -60,8 +60,8 @@ int video_count(const std::vector<src_frame>& v);
 // One exported file.
 struct out_file {
   std::string path;
-  int ret;        // phase two's result (two-phase), 0 otherwise
-  long long plan; // planned mdat payload (two-phase), -1 otherwise
+  int ret;         // phase two's result (two-phase), 0 otherwise
+  long long plan;  // planned mdat payload (two-phase), -1 otherwise
 };
 
 // Two-phase export of [beg, end] for the channels of mask into dir: phase one, then

@@ -157,14 +157,15 @@ void browser_plays(Media& t, bool audio) {
   audtype = 2;
   t.end = t.beg + 2;  // about three seconds of pictures: played in real time
   std::string plan;
-  std::vector<xk::out_file> v = xk::two_phase(*t.app, t.out.path(), t.beg, t.end, 0x1, false, &plan);
+  std::vector<xk::out_file> v =
+      xk::two_phase(*t.app, t.out.path(), t.beg, t.end, 0x1, false, &plan);
   audtype = 0;
   ASSERT_EQ(1u, v.size()) << plan;
   std::string name = v[0].path.substr(v[0].path.rfind('/') + 1);
   int st = -1;
-  std::string json = media::run(std::string("python3 ") + EXPORT_BROWSER_SCRIPT + " " +
-                                    t.out.path() + " " + name + " 30",
-                                &st);
+  std::string json = media::run(
+      std::string("python3 ") + EXPORT_BROWSER_SCRIPT + " " + t.out.path() + " " + name + " 30",
+      &st);
   ASSERT_EQ(0, st) << json;
   int frames = xk::video_count(xk::expected(t.blocks, t.beg, t.end, 0, 2));
   EXPECT_EQ(320, field(json, "width")) << json;
