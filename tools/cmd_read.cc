@@ -313,14 +313,25 @@ struct player {
       long long where = app.r_cur.min.offset;
       int off = app.r_cur.off;
       if (app.r_Iseek(dir, true, mask, step) == 0) {
-        // A slot of an unknown index type answers 0 without moving: step by block.
-        if (app.r_cur.db == db && app.r_cur.min.offset == where && app.r_cur.off == off)
-          return app.r_seek(dir) == 0 || next_minute();
-        return true;
+        if (app.r_cur.db != db || app.r_cur.min.offset != where || app.r_cur.off != off)
+          return true;
+        // Answered 0 without moving. From an index of records that means no further key
+        // frame carries the wanted channels in this minute; otherwise (an index of bare
+        // offsets re-aligning, or no usable index) a block step goes on.
+        int kind = app.r_iframe[1].kind;
+        if (kind == 13 || kind == 14) return next_minute();
+        return app.r_seek(dir) == 0 || next_minute();
       }
       return next_minute();
     }
     return app.r_seek(dir) == 0 || next_minute();
+  }
+
+  // A key-frame block of the main stream carrying a wanted channel (word 10, the bits
+  // the key-frame index keeps beside each offset).
+  bool wanted_key(const head_t& h) const {
+    return (h.types & BLOCK_KEY_BITS) != 0 && h.stream != BLOCK_STREAM_SUB &&
+           (h.events & static_cast<uint32_t>(mask)) != 0;
   }
 
   // The next block worth showing: a frame block (not one of the library's own records),
@@ -341,8 +352,7 @@ struct player {
       if (block_is_record(h->type)) continue;
       // Key-frame steps follow the main stream's index; blocks of the substream that a
       // block-by-block fallback meets are passed over.
-      if (keyframes && ((h->types & BLOCK_KEY_BITS) == 0 || h->stream == BLOCK_STREAM_SUB))
-        continue;
+      if (keyframes && !wanted_key(*h)) continue;
       return h;
     }
     return nullptr;
@@ -473,23 +483,27 @@ int run_play(const std::vector<std::string>& in) {
   // such block, on a block before it: forwards, those are passed over.
   head_t* h = app.r_head();
   bool moved = h != nullptr && !block_is_record(h->type) && (reverse || h->time >= at) &&
-               (!keyframes || ((h->types & BLOCK_KEY_BITS) != 0 && h->stream != BLOCK_STREAM_SUB));
+               (!keyframes || p.wanted_key(*h));
   // Key-frame jumps start from the block the cursor stands on, not from the start of
   // the minute: a stepped slot re-aligns itself to the frame offset first.
   if (keyframes) app.r_cur.stepped[0] = app.r_cur.stepped[1] = 1;
-  printf("%-19s  %-8s  %9s  %-16s  %s\n", "TIME", "BLOCK", "SIZE", "CHANNELS", "WHERE");
   long long shown = 0;
   while (shown < count) {
     h = p.settle(moved);
     moved = false;
     if (h == nullptr) break;
     if (!reverse && h->time < at) continue;
+    if (shown == 0)
+      printf("%-19s  %-8s  %9s  %-16s  %s\n", "TIME", "BLOCK", "SIZE", "CHANNELS", "WHERE");
     int slot = app.row_of(app.r_cur.db);
     printf("%s  %-8s  %9d  %-16s  %s %.32s +%d\n", fmt_time(h->time).c_str(),
            block_kind(*h).c_str(), h->size, channels_of(h->count, 32).c_str(),
            slot >= 0 ? app.db_info[slot].dev : "?", app.r_cur.min.name, app.r_cur.off);
     shown++;
   }
+  if (shown == 0 && keyframes)
+    return fail("no main-stream key frame with channels " +
+                channels_of_mask(static_cast<uint32_t>(mask)) + " from " + fmt_time(at));
   if (shown == 0) return fail("no blocks to play from " + fmt_time(at));
   if (shown < count) printf("(end of the recording)\n");
   return 0;

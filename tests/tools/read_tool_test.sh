@@ -106,6 +106,12 @@ head -n $((blocks - 9)) "$dir/forward" | tac | cmp -s - "$dir/reverse" || bad "r
 check keyframes 0 rr --root "$b" play --at "2024-05-01 10:59:58" --keyframes --count 6
 equal keyframes "$(sed 1d "$dir/out" | cut -c12-19,22-29 | tr '\n' ' ')" \
   "10:59:58main key 10:59:59main key 11:00:00main key 11:00:01main key 11:00:02main key 11:00:03main key "
+check keyframes-ch1 0 rr --root "$b" play --at "2024-05-01 10:59:58" --keyframes --ch 0x2 --count 6
+equal keyframes-ch1 "$(sed 1d "$dir/out" | cut -c12-19 | tr '\n' ' ')" \
+  "10:59:58 10:59:59 11:00:00 11:00:01 11:00:02 11:00:03 "
+# Channel 2 was not recorded: no key frame carries it.
+check keyframes-ch2 1 rr --root "$b" play --at "2024-05-01 10:59:58" --keyframes --ch 0x4
+has keyframes-ch2 err "no main-stream key frame with channels 2"
 check keyframes-back 0 rr --root "$b" play --at "2024-05-01 11:00:01" --keyframes --reverse --count 3
 equal keyframes-back "$(sed 1d "$dir/out" | cut -c12-19 | tr '\n' ' ')" "11:00:01 11:00:00 10:59:59 "
 
