@@ -191,6 +191,14 @@ class fs_app {
 
   // Write path.
   int write(int time, int len, const void* block);
+  // What db_write did with a block.
+  enum {
+    DB_WRITE_APPENDED = 0,    // appended to the open minute entry
+    DB_WRITE_NEW_MINUTE = 1,  // after opening its hour again and a new minute entry
+    DB_WRITE_NEW_HOUR = 2,    // after creating a new hour entry and a new minute entry
+    DB_WRITE_REFUSED = -1,    // no volume, no room for an entry or for the block
+    DB_WRITE_FAILED = -2,     // the data write failed
+  };
   int db_write(fs_db* db, int time, int len, const void* block);
   int flush();
 
@@ -286,7 +294,18 @@ class fs_app {
   // Internal helpers of the recording room.
   void clear_writer(bool keep_err);
   void clear_playback();
-  void close_minute(bool clear);
+  // The life of a minute on the volume being recorded (minute.cc); db is cur_db.
+  int open_minute(fs_db* db, int time);  // a DB_WRITE_ result
+  void finish_minute(fs_db* db);         // at the minute boundary
+  void refuse_minute(fs_db* db);         // a block did not fit: close what was written
+  void close_minute(fs_db* db, bool clear);
+  // The disks write tries in turn after a failure.
+  struct disk_order {
+    std::vector<int> rows;  // the other writable disks, newest recording first
+    bool built = false;
+    size_t next = 0;
+  };
+  int next_disk(int r, disk_order& order, bool* recycle);
   int row_of(fs_db* db);
 };
 

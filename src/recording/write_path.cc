@@ -1,5 +1,6 @@
 // The frame write path: disk choice, hour and minute entries, the per-second,
 // per-minute, per-channel and event summaries, and the minute boundary.
+#include <assert.h>
 #include <ringrec/fs_app.h>
 #include <string.h>
 #include <unistd.h>
@@ -45,75 +46,20 @@ void drop_key(std::vector<frame_info_t>& lq, std::vector<frame_info_t>& hq, uint
 
 }  // namespace
 
-// Marks the open minute in its hour and makes both entries durable. With `clear` the
-// minute entry is dropped too, so the next block opens a new one.
-void fs_app::close_minute(bool clear) {
-  cur_db->e_flush(min_e);
-  uint64_t mask = rec_get_mask(hour_e);
-  mask |= 1ULL << minute_bit(min_e.time);
-  rec_set_mask(hour_e, mask);
-  rec_set_events(hour_e, rec_get_events(hour_e) | rec_get_events(min_e));
-  cur_db->e_flush(hour_e);
-  if (clear) memset(&min_e, 0, sizeof min_e);
-  min_dirty = 0;
-}
-
 int fs_app::db_write(fs_db* db, int time, int len, const void* block) {
-  if (db == nullptr) return -1;
+  if (db == nullptr) return DB_WRITE_REFUSED;
+  // The open hour and minute entries belong to the volume being recorded.
+  assert(db == cur_db);
   head_t h;
   memcpy(&h, block, sizeof h);
 
   // Minute boundary: store the finished minute's records, then close it.
-  if (min_e.name[0] != 0 && time / 60 != min_e.time / 60) {
-    if (writeback_motion_info(db) != 0) fs_log("db_write", 843, "Write Motion Data back Error\n");
-    if (writeback_log_info(db) != 0) fs_log("db_write", 845, "Write Log Data back Error\n");
-    if (writeback_Iframe_info(db) != 0) fs_log("db_write", 849, "Write I Frame back Error\n");
-    if (min_dirty) close_minute(true);
-    // A minute left clean by a flush is finished all the same: its records and index
-    // are written, and a block of the next minute must open a new entry rather than
-    // land behind that index.
-    memset(&min_e, 0, sizeof min_e);
-  }
+  if (min_e.name[0] != 0 && time / 60 != min_e.time / 60) finish_minute(db);
 
-  int rc = 0;
+  int rc = DB_WRITE_APPENDED;
   if (min_e.name[0] == 0) {
-    char hour[32], minute[32];
-    int day = time / 86400;
-    int hod = (time / 3600) % 24;
-    int moh = (time / 60) % 60;
-    int som = time % 60;
-    if (fs_access("/tmp/hdd", F_OK) == 0)
-      snprintf(hour, sizeof hour, "HOUR_%d:%.2d:%.2d", day, hod, moh);
-    else
-      snprintf(hour, sizeof hour, "HOUR_%d:%.2d", day, hod);
-    snprintf(minute, sizeof minute, "MIN_%.2d:%.2d", moh, som);
-
-    if (db->f_query() < 0) return -1;
-    // An entry that cannot be opened after its creation is not used: flushing an
-    // unopened (zeroed) entry would overwrite entry 0 of the root table.
-    if (db->f_create(0, 1, hour) != 0) {
-      if (db->f_open(hour_e, 1, hour) != 0) return -1;
-      rc = 1;
-    } else {
-      if (db->f_open(hour_e, 1, hour) != 0) return -1;
-      hour_e.time = time;
-      db->e_flush(hour_e);
-      rc = 2;
-    }
-    int suffix = 0;
-    while (db->f_create(1, 2, hour, minute) != 0) {
-      if (++suffix > 30) return -1;
-      snprintf(minute, sizeof minute, "MIN_%.2d:%.2d-%d", moh, som, suffix);
-      fs_log("db_write", 897, "ERR: %s\n", minute);
-    }
-    if (db->f_open(min_e, 2, hour, minute) != 0) {
-      memset(&min_e, 0, sizeof min_e);
-      return -1;
-    }
-    min_e.time = time;
-    if (create_motion_info(db) != 0) fs_log("db_write", 901, "Create Motion Data Fail.\n");
-    if (create_log_info(db) != 0) fs_log("db_write", 904, "Create Log Info Fail.\n");
-    if (min_e.name[0] == 0) return -1;
+    rc = open_minute(db, time);
+    if (rc < 0) return rc;
   }
 
   // Summaries first, so a block refused below is still counted.
@@ -123,16 +69,8 @@ int fs_app::db_write(fs_db* db, int time, int len, const void* block) {
   for (int ch = 0; ch < chans; ch++) rec_add_count(min_e, ch, h.count[ch]);
 
   if (db->d_query(min_e, min_e.size, len) != 0) {
-    if (min_dirty) {
-      if (writeback_motion_info(db) != 0) fs_log("db_write", 919, "Write Motion Data back Error\n");
-      if (writeback_log_info(db) != 0) fs_log("db_write", 921, "Write Log Data back Error\n");
-      close_minute(false);
-      pthread_mutex_lock(&iframe_mutex);
-      iframe_lq.clear();
-      iframe_hq.clear();
-      pthread_mutex_unlock(&iframe_mutex);
-    }
-    return -1;
+    refuse_minute(db);
+    return DB_WRITE_REFUSED;
   }
 
   bool key = (h.types & BLOCK_KEY_BITS) != 0;
@@ -152,7 +90,7 @@ int fs_app::db_write(fs_db* db, int time, int len, const void* block) {
       drop_key(iframe_lq, iframe_hq, h.stream);
       pthread_mutex_unlock(&iframe_mutex);
     }
-    return -2;
+    return DB_WRITE_FAILED;
   }
 
   // The live event slot follows the wall clock, not the block time.
@@ -163,6 +101,48 @@ int fs_app::db_write(fs_db* db, int time, int len, const void* block) {
 
   min_dirty = 1;
   return rc;
+}
+
+// The disk to try after db_write failed with r. First the other writable disks, the one
+// holding the newest recording first (the list is made at the first failure of a
+// write); then, without recycling left, the overwritable disk whose oldest hour is
+// oldest, to be recycled (the current disk too when it is full, not when its write
+// failed). Returns its row, or -1 when there is none.
+int fs_app::next_disk(int r, disk_order& order, bool* recycle) {
+  if (!order.built) {
+    order.built = true;
+    std::vector<std::pair<int, int>> last;  // row, q_last
+    for (int i = 0; i < db_cnt; i++) {
+      fs_db* db = db_info[i].db;
+      if (db == nullptr || db == cur_db || !db->q_writable()) continue;
+      last.push_back({i, db->q_last()});
+    }
+    std::stable_sort(last.begin(), last.end(),
+                     [](const std::pair<int, int>& a, const std::pair<int, int>& b) {
+                       return a.second > b.second;
+                     });
+    for (const auto& p : last) order.rows.push_back(p.first);
+  }
+  *recycle = false;
+  if (order.next < order.rows.size()) {
+    int chosen = order.rows[order.next++];
+    fs_log("write", 778, "HDD%d: %s\n", chosen, db_info[chosen].model);
+    return chosen;
+  }
+  int chosen = -1, best_first = 0;
+  for (int i = 0; i < db_cnt; i++) {
+    fs_db* db = db_info[i].db;
+    if (db == nullptr || !db->q_overwritable()) continue;
+    if (r == DB_WRITE_FAILED && db == cur_db) continue;
+    int first = db->q_first();
+    fs_log("write", 790, "HDD%d: %s, first=%d\n", i, db_info[i].model, first);
+    if (chosen < 0 || best_first < 0 || first < best_first) {
+      chosen = i;
+      best_first = first;
+    }
+  }
+  *recycle = true;
+  return chosen;
 }
 
 int fs_app::write(int time, int len, const void* block) {
@@ -189,47 +169,13 @@ int fs_app::write(int time, int len, const void* block) {
   pthread_mutex_lock(&db_mutex);
   write_time.store(time, std::memory_order_relaxed);
 
-  struct cand {
-    int row;
-    int last;
-  };
-  std::vector<cand> cands;
-  bool built = false;
-  size_t next = 0;
+  disk_order order;
   int r;
   for (;;) {
     r = db_write(cur_db, time, len, block);
     if (r >= 0) break;
-    if (!built) {
-      built = true;
-      for (int i = 0; i < db_cnt; i++) {
-        fs_db* db = db_info[i].db;
-        if (db == nullptr || db == cur_db || !db->q_writable()) continue;
-        cands.push_back(cand{i, db->q_last()});
-      }
-      std::stable_sort(cands.begin(), cands.end(),
-                       [](const cand& a, const cand& b) { return a.last > b.last; });
-    }
-    int chosen = -1;
     bool recycle = false;
-    if (next < cands.size()) {
-      chosen = cands[next++].row;
-      fs_log("write", 778, "HDD%d: %s\n", chosen, db_info[chosen].model);
-    } else {
-      int best_first = 0;
-      for (int i = 0; i < db_cnt; i++) {
-        fs_db* db = db_info[i].db;
-        if (db == nullptr || !db->q_overwritable()) continue;
-        if (r == -2 && db == cur_db) continue;
-        int first = db->q_first();
-        fs_log("write", 790, "HDD%d: %s, first=%d\n", i, db_info[i].model, first);
-        if (chosen < 0 || best_first < 0 || first < best_first) {
-          chosen = i;
-          best_first = first;
-        }
-      }
-      recycle = true;
-    }
+    int chosen = next_disk(r, order, &recycle);
     // Nothing to choose, or a disk to recycle that holds no hour any more: recycling
     // could not make room, and trying again would never end.
     bool empty = false;
@@ -253,7 +199,7 @@ int fs_app::write(int time, int len, const void* block) {
     return -1;
   }
 
-  if (r == 1 || r == 2) {
+  if (r == DB_WRITE_NEW_MINUTE || r == DB_WRITE_NEW_HOUR) {
     int row = row_of(cur_db);
     fs_log("write", 744, "HDD%d: %s, %s / %s\n", row, row >= 0 ? db_info[row].model : "",
            hour_e.name, min_e.name);
@@ -264,12 +210,5 @@ int fs_app::write(int time, int len, const void* block) {
   last_write_ms.store(static_cast<unsigned long long>(utime()), std::memory_order_relaxed);
   pthread_mutex_unlock(&db_mutex);
   write_err.store(0, std::memory_order_relaxed);
-  return 0;
-}
-
-int fs_app::flush() {
-  pthread_mutex_lock(&db_mutex);
-  if (cur_db != nullptr && min_dirty) close_minute(false);
-  pthread_mutex_unlock(&db_mutex);
   return 0;
 }
