@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs every test: the host build, an AddressSanitizer + UBSan build, a
-# ThreadSanitizer build of the concurrency suite, the 32-bit ARM cross build under
-# qemu-user, and an install of the library used from CMake and pkg-config.
+# ThreadSanitizer build of the concurrency suite, libFuzzer runs of the fuzz targets, the
+# 32-bit ARM cross build under qemu-user, and an install of the library used from CMake
+# and pkg-config.
 # Installs what a fresh Debian machine lacks. Usage: tools/test.sh [--quick]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -12,10 +13,12 @@ quick=${1:-}
 need=()
 for pair in cmake:cmake g++:g++ pkg-config:pkg-config ffmpeg:ffmpeg ffprobe:ffmpeg \
             qemu-arm:qemu-user arm-linux-gnueabihf-g++:g++-arm-linux-gnueabihf \
-            chromium:chromium python3:python3; do
+            chromium:chromium python3:python3 clang:clang; do
   command -v "${pair%%:*}" >/dev/null 2>&1 || need+=("${pair#*:}")
 done
 [ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest)
+ls /usr/lib/llvm-14/lib/clang/*/lib/linux/libclang_rt.fuzzer-*.a >/dev/null 2>&1 ||
+  need+=(libclang-rt-14-dev)
 if [ ${#need[@]} -gt 0 ]; then
   echo "== installing: ${need[*]}"
   sudo=""; [ "$(id -u)" -eq 0 ] || sudo=sudo
@@ -42,6 +45,18 @@ run out/host
 
 build out/asan -DRINGREC_SANITIZE=address,undefined -DRINGREC_TOOLS=OFF
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 run out/asan
+
+# libFuzzer targets (clang): replay the seed corpora in fuzz/corpus, then fuzz each target
+# for a bounded time on a scratch copy, so that new inputs stay out of the repository.
+CC=clang CXX=clang++ build out/fuzz -DRINGREC_FUZZ=ON -DRINGREC_SANITIZE=address,undefined \
+  -DRINGREC_TESTS=OFF -DRINGREC_TOOLS=OFF
+echo "== fuzz"
+for t in volume minute; do
+  out/fuzz/fuzz/fuzz_$t -runs=0 -close_fd_mask=2 fuzz/corpus/$t
+  rm -rf out/fuzz/work/$t && mkdir -p out/fuzz/work/$t
+  out/fuzz/fuzz/fuzz_$t -max_total_time="${RINGREC_FUZZ_SECONDS:-60}" -close_fd_mask=2 \
+    -max_len=300000 -print_final_stats=1 -artifact_prefix=out/fuzz/ out/fuzz/work/$t fuzz/corpus/$t
+done
 
 build out/tsan -DRINGREC_SANITIZE=thread -DRINGREC_TOOLS=OFF
 # ThreadSanitizer needs the low-entropy address layout that setarch -R gives.

@@ -14,7 +14,6 @@ namespace {
 const int kLogOff = MINUTE_LOG_OFF;
 const int kLogDataOff = MINUTE_LOG_DATA_OFF;
 const int kLogPayload = sizeof(log_rec_t::rows);  // 1152
-const int kMotionSlots = 6;
 const int kMotionRowWords = 20;
 const int kMotionChannels = 32;
 

@@ -1,0 +1,52 @@
+// Shared by the fuzz targets: a scratch image in memory-backed storage, rebuilt for
+// every input, and a quiet, pause-free system-call table.
+#ifndef RINGREC_FUZZ_IMAGE_H
+#define RINGREC_FUZZ_IMAGE_H
+
+#include <fcntl.h>
+#include <ringrec/fs_io.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <string>
+
+namespace fuzz {
+
+const long long kDevice = 32LL << 20;  // a 20 MiB ring
+
+// Where the image lives: /dev/shm when there is one, else $TMPDIR or /tmp.
+inline std::string scratch(const char* name) {
+  const char* dir = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : getenv("TMPDIR");
+  if (dir == nullptr || *dir == '\0') dir = "/tmp";
+  return std::string(dir) + "/ringrec-fuzz-" + std::to_string(getpid()) + "-" + name;
+}
+
+// Empties the image (a check's repair may have written anywhere) and makes it a
+// device of kDevice bytes again.
+inline int reset(const std::string& path) {
+  int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+  if (fd < 0 || ftruncate(fd, kDevice) != 0) abort();
+  return fd;
+}
+
+// Lays `n` bytes of `data` at `off`, the rest of `room` bytes zero.
+inline void lay(int fd, long long off, const unsigned char* data, size_t n, size_t room) {
+  std::string b(room, '\0');
+  if (n > room) n = room;
+  if (n > 0) memcpy(&b[0], data, n);
+  if (pwrite(fd, b.data(), b.size(), off) != static_cast<ssize_t>(b.size())) abort();
+}
+
+// The retry pauses cost 100 ms each: a fuzzer must not wait for them.
+inline int no_pause(unsigned int) { return 0; }
+
+inline void quiet_table() {
+  fs_sys.usleep = no_pause;
+  unsetenv("RINGREC_ROOT");
+}
+
+}  // namespace fuzz
+
+#endif
