@@ -29,8 +29,8 @@ namespace tool {
 
 namespace {
 
-// The blocks of one key-frame step or block step never exceed this; a larger size read
-// from a damaged head is not worth a read buffer.
+// A recorder's block holds a fraction of a second of every channel, a few MB at most; a
+// larger size read from a damaged head is passed over rather than given a buffer.
 const int kMaxBlock = 64 << 20;
 
 std::string channels_of(const int32_t* count, int n) {
@@ -38,6 +38,25 @@ std::string channels_of(const int32_t* count, int n) {
   for (int ch = 0; ch < n; ch++)
     if (count[ch] > 0) s += (s.empty() ? "" : ",") + std::to_string(ch);
   return s.empty() ? "-" : s;
+}
+
+// A device or image path inside a JSON string.
+std::string json_text(const char* s) {
+  std::string out;
+  for (; *s; s++) {
+    unsigned char c = static_cast<unsigned char>(*s);
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += *s;
+    } else if (c < 0x20) {
+      char buf[8];
+      snprintf(buf, sizeof buf, "\\u%04x", c);
+      out += buf;
+    } else {
+      out += *s;
+    }
+  }
+  return out;
 }
 
 std::string channels_of_mask(uint32_t mask) {
@@ -261,7 +280,8 @@ int run_search(const std::vector<std::string>& in) {
       sp = spans_of(m, n);
     });
     if (json) {
-      printf("%s\n  {\"device\": \"%s\", \"spans\": [", shown ? "," : "", v.name(d));
+      printf("%s\n  {\"device\": \"%s\", \"spans\": [", shown ? "," : "",
+             json_text(v.name(d)).c_str());
       for (size_t i = 0; i < sp.size(); i++)
         printf(
             "%s\n    {\"from\": %lld, \"to\": %lld, \"minutes\": %d, \"from_utc\": \"%s\", "
@@ -292,7 +312,6 @@ struct player {
   bool keyframes = false;
   int mask = -1, step = 0;
   int32_t minute_time = 0;  // entry time of the minute the cursor is in
-  bool ended = false;
 
   explicit player(fs_app& a, int d) : app(a), dir(d) {}
 

@@ -3,6 +3,8 @@
 // the TARVO single-file plan, the multi-slot writer's audio pieces, progress and cancel.
 #include <gtest/gtest.h>
 #include <ringrec/ringrec.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
 #include <sys/stat.h>
 
 #include <string>
@@ -84,6 +86,44 @@ TEST_F(Export, TwoPhaseFilesHoldThePlannedBytesAndEveryFrameFromTheFirstKeyFrame
     reports++;
   }
   EXPECT_GE(reports, 3);
+}
+
+// The application's progress semaphore set (percent, result), keyed by the board's "/.".
+struct SemSet {
+  int id = -1;
+  explicit SemSet(const std::string& root) {
+    key_t key = ftok((root + "/.").c_str(), 66);
+    id = semget(key, 2, IPC_CREAT | 0600);  // a set left by a crashed run is reused
+  }
+  ~SemSet() {
+    if (id >= 0) semctl(id, 0, IPC_RMID);
+  }
+  int get(int n) const { return semctl(id, n, GETVAL); }
+};
+
+TEST_F(Export, ProgressReachesTheApplicationsSemaphoreSet) {
+  start(2);
+  sim::capture cap;
+  shape(cap, 264, 352, 288, 0);
+  record(cap, 30);
+  SemSet sem(board.root());
+  ASSERT_GE(sem.id, 0) << "cannot create a semaphore set";
+  std::vector<char> plan(4096);
+  ASSERT_EQ(1, app->bk_phase_one("", t0, t0 + 29, 0x1, plan.data()));
+  EXPECT_EQ(20, sem.get(0));  // planned
+  EXPECT_EQ(0, sem.get(1));
+  char name[128];
+  int ch, size, item, entry, off, t;
+  ASSERT_EQ(
+      7, sscanf(plan.data(), "%127s %d %d %d %d %d %d", name, &ch, &size, &item, &entry, &off, &t));
+  FILE* f = fopen((out / name).c_str(), "wb");
+  ASSERT_NE(f, nullptr);
+  EXPECT_GT(app->bk_phase_two(f, name, ch, size, item, entry, off), size);
+  fclose(f);
+  EXPECT_EQ(90, sem.get(0));  // every planned byte written
+  app->bk_over();
+  EXPECT_EQ(100, sem.get(0));
+  EXPECT_EQ(1, sem.get(1));
 }
 
 TEST_F(Export, SubstreamFilesCarryTheSubstreamPictures) {
