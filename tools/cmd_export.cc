@@ -419,6 +419,8 @@ int run_export(const std::vector<std::string>& in) {
   }
   if (format != "mp4" && format != "irf" && format != "oem")
     return usage_error("export", "--format: mp4, irf or oem");
+  // The single-pass writers classify frames as main-stream ones only.
+  if (sub && single) return usage_error("export", "--substream exports are two-phase only");
   if (format != "mp4" && (sub || single || audio))
     return usage_error("export", "--substream, --audio and --single-pass are for --format mp4");
   struct stat st;

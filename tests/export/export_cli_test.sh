@@ -60,6 +60,7 @@ check single 0 rr --root "$b" export "${span[@]}" --ch 2 --single-pass --audio "
 has single err "exported 1 file(s)"
 check substream 0 rr --root "$b" export "${span[@]}" --ch 2 --substream "$o"
 has substream out "_ch02_704x576x5.m4v"
+check substream-single 2 rr --root "$b" export "${span[@]}" --ch 2 --substream --single-pass "$o"
 
 # IRF: one file per hour that the ringrec irf reader accepts; OEM: one file per minute.
 rm -f "$o"/*
