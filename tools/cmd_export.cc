@@ -1,14 +1,15 @@
 // The export command: a time range of chosen channels out of the recorder's disks into
 // files a computer plays, the way the recorder's own backup menu does it.
 //
-//   ringrec export --from TIME --to TIME --ch N[,M...] OUTDIR [--substream] [--audio]
-//                  [--format mp4|irf|oem] [--single-pass]
+//   ringrec export [DISK...] --from TIME --to TIME --ch N[,M...] OUTDIR [--substream]
+//                  [--audio] [--format mp4|irf|oem] [--single-pass]
 //
 // MP4 (the default) goes through the two-phase export: a plan (printed), then each
 // planned file written front to back. --single-pass writes as it reads, one file
 // running across hours until the picture changes; --audio adds the sound track there
-// (two-phase files carry a channel's recorded sound as they find it). Channels count
-// from 1, as the file names show them. --format irf writes one IRF backup file per
+// (two-phase files carry a channel's recorded sound as they find it). Channels are
+// numbered from 0, as everywhere in the tool; the file names count them from 1 ("ch01"
+// is channel 0), as the recorder names its exports. --format irf writes one IRF backup file per
 // selected hour with every chosen channel; --format oem one OEM-format file per minute.
 //
 // Progress: the tool creates the recorder's progress semaphore set, as the recorder's
@@ -37,6 +38,7 @@
 #include "command.h"
 #include "quiet.h"
 #include "time_arg.h"
+#include "volume_set.h"
 
 namespace {
 
@@ -46,7 +48,7 @@ using tool::take_option;
 using tool::usage_error;
 
 const char* const kUsage =
-    "export --from TIME --to TIME --ch N[,M...] OUTDIR [--substream] [--audio] "
+    "export [DISK...] --from TIME --to TIME --ch N[,M...] OUTDIR [--substream] [--audio] "
     "[--format mp4|irf|oem] [--single-pass]";
 
 // Logical paths below the board's root, as the library resolves them.
@@ -279,7 +281,7 @@ int single_pass(job& j) {
           if (finish() != 0) return 1;
           continue;
         }
-        if (r < 0) fprintf(j.out, "ringrec: channel %d: video loss, the file ends there\n", ch + 1);
+        if (r < 0) fprintf(j.out, "ringrec: channel %d: video loss, the file ends there\n", ch);
         break;
       }
     }
@@ -393,9 +395,13 @@ int run_export(const std::vector<std::string>& in) {
   if (!take_option(args, "--from", &from)) return usage_error("export", "--from is required");
   if (!take_option(args, "--to", &to)) return usage_error("export", "--to is required");
   if (!take_option(args, "--ch", &chs)) return usage_error("export", "--ch is required");
-  if (args.size() != 1) return usage_error("export", "give one output directory");
+  for (const std::string& a : args)
+    if (a.compare(0, 2, "--") == 0) return usage_error("export", "unknown option '" + a + "'");
+  if (args.empty()) return usage_error("export", "give the output directory");
   job j;
-  j.dir = args[0];
+  // The last name is the output directory; any before it are the disks to read.
+  j.dir = args.back();
+  args.pop_back();
   long long b = 0, e = 0;
   if (!tool::parse_time(from, &b))
     return usage_error("export", "--from: seconds or YYYY-MM-DD HH:MM[:SS]");
@@ -410,10 +416,10 @@ int run_export(const std::vector<std::string>& in) {
     std::string one = chs.substr(p, q == std::string::npos ? std::string::npos : q - p);
     char* end = nullptr;
     long v = strtol(one.c_str(), &end, 10);
-    if (one.empty() || *end != 0 || v < 1 || v > 32)
-      return usage_error("export", "--ch: channel numbers 1 to 32, separated by commas");
-    if (!(j.mask & (1 << (v - 1)))) j.chans.push_back(static_cast<int>(v - 1));
-    j.mask |= 1 << (v - 1);
+    if (one.empty() || *end != 0 || v < 0 || v > 31)
+      return usage_error("export", "--ch: channel numbers 0 to 31, separated by commas");
+    if (!(j.mask & (1u << v))) j.chans.push_back(static_cast<int>(v));
+    j.mask |= 1u << v;
     if (q == std::string::npos) break;
     p = q + 1;
   }
@@ -439,13 +445,13 @@ int run_export(const std::vector<std::string>& in) {
   FILE* tool_out = fdopen(dup(tool::err_fd()), "w");
   if (tool_out) setvbuf(tool_out, nullptr, _IOLBF, 0);
   j.out = tool_out ? tool_out : stderr;
-  fs_app* app = new fs_app();
+  tool::volume_set vols;
+  fs_app* app = vols.app;
   j.app = app;
   app->set(32);
-  if (app->db_open("r") <= 0) {
-    delete app;
+  if (vols.open(args) != 0) {
     if (tool_out) fclose(tool_out);
-    return fail("no internal disks found (is --root or RINGREC_ROOT set?)");
+    return 1;
   }
   // The recorder stores sound as IMA ADPCM; MP4 export converts it to 16-bit PCM,
   // which the "sowt" sample entry describes.
@@ -468,8 +474,6 @@ int run_export(const std::vector<std::string>& in) {
   app->bk_over();
   prog.finish();
   app->bk_clr();
-  app->db_close();
-  delete app;
   sigaction(SIGINT, &old, nullptr);
   if (g_cancelled) {
     remove(g_cancel_path.c_str());

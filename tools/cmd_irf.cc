@@ -27,8 +27,8 @@ struct chan_stats {
 bool parse_ch(const std::string& s, int& ch) {
   char* end = nullptr;
   long v = strtol(s.c_str(), &end, 10);
-  if (s.empty() || *end || v < 1 || v > 32) return false;
-  ch = static_cast<int>(v) - 1;  // channels are shown from 1, as export takes them
+  if (s.empty() || *end || v < 0 || v > 31) return false;
+  ch = static_cast<int>(v);
   return true;
 }
 
@@ -89,13 +89,13 @@ int run_irf(const std::vector<std::string>& args_in) {
       return tool::usage_error("irf", "--extract wants a channel and a file");
     if (!parse_ch(args[i + 1], ch))
       return tool::usage_error("irf",
-                               "--extract wants a channel number 1 to 32, not " + args[i + 1]);
+                               "--extract wants a channel number 0 to 31, not " + args[i + 1]);
     raw_out = args[i + 2];
     args.erase(args.begin() + i, args.begin() + i + 3);
     break;
   }
   if (ch_given && !parse_ch(ch_s, ch))
-    return tool::usage_error("irf", "--ch wants a channel number 1 to 32, not " + ch_s);
+    return tool::usage_error("irf", "--ch wants a channel number 0 to 31, not " + ch_s);
   if (args.size() != 1) return tool::usage_error("irf", "give one IRF file");
   const std::string& path = args[0];
 
@@ -140,7 +140,7 @@ int run_irf(const std::vector<std::string>& args_in) {
                          char pic[24] = "";
                          if (r.kind != 3) snprintf(pic, sizeof pic, "%ux%u", r.w2, r.w3);
                          printf("%10ld  %-5s  %2u  %8u  %10d  %-9s  %3u  %10u  %10u\n", pos,
-                                kind_name(r.kind), r.ch + 1, r.len, r.link, pic,
+                                kind_name(r.kind), r.ch, r.len, r.link, pic,
                                 r.kind == 3 ? 0 : r.w4, r.w5, r.w6);
                        }
                        return true;
@@ -149,7 +149,7 @@ int run_irf(const std::vector<std::string>& args_in) {
   for (auto& kv : stats) {
     const chan_stats& s = kv.second;
     printf("  channel %d: %lld video frames (%lld key), %lld audio frames, %lld bytes",
-           kv.first + 1, s.video, s.keys, s.audio, s.bytes);
+           kv.first, s.video, s.keys, s.audio, s.bytes);
     if (s.w) printf(", %ux%u at %u/s", s.w, s.h, s.fps);
     printf("\n");
   }
@@ -171,7 +171,7 @@ int run_irf(const std::vector<std::string>& args_in) {
     if (ch < 0) return tool::fail(path + " holds no key frame of any channel: nothing to extract");
   }
   if (!stats.count(ch) || stats[ch].keys == 0)
-    return tool::fail("channel " + std::to_string(ch + 1) + " has no key frame in " + path +
+    return tool::fail("channel " + std::to_string(ch) + " has no key frame in " + path +
                       ": see the channel list above");
 
   // Pass 2: the channel's video frames, the raw stream and the MP4 sample sizes.
@@ -212,7 +212,7 @@ int run_irf(const std::vector<std::string>& args_in) {
   if (raw) {
     bool ok = fclose(raw) == 0;
     if (!ok) return tool::fail("writing " + raw_out + " failed: check the free space");
-    printf("%s: channel %d, %lld frames, raw %s stream\n", raw_out.c_str(), ch + 1, frames,
+    printf("%s: channel %d, %lld frames, raw %s stream\n", raw_out.c_str(), ch, frames,
            hevc ? "H.265" : "H.264");
   }
   if (m) {
@@ -235,7 +235,7 @@ int run_irf(const std::vector<std::string>& args_in) {
     m->w_box_moov(out);
     delete m;
     if (fclose(out) != 0) return tool::fail("writing " + mp4_out + " failed: check the free space");
-    printf("%s: channel %d, %s %ux%u at %u/s, %lld frames\n", mp4_out.c_str(), ch + 1,
+    printf("%s: channel %d, %s %ux%u at %u/s, %lld frames\n", mp4_out.c_str(), ch,
            hevc ? "H.265" : "H.264", stats[ch].w, stats[ch].h, stats[ch].fps, written);
   }
   app.usb_close_irf();

@@ -24,6 +24,7 @@
 #include "command.h"
 #include "time_arg.h"
 #include "volume_arg.h"
+#include "volume_set.h"
 
 namespace tool {
 
@@ -66,42 +67,6 @@ std::string channels_of_mask(uint32_t mask) {
     if (mask >> ch & 1) s += (s.empty() ? "" : ",") + std::to_string(ch);
   return s.empty() ? "-" : s;
 }
-
-// The service object with the volumes to read: the disks or images named, or the
-// board's internal disks. Read-only opens: no check runs and nothing is repaired.
-struct volumes {
-  fs_app* app = new fs_app();
-  ~volumes() {
-    app->db_close();
-    delete app;
-  }
-  int open(const std::vector<std::string>& disks) {
-    if (disks.empty()) {
-      if (app->db_open("r") <= 0)
-        return fail("no disks found: name disk images or devices, or give --root DIR for a board");
-      return 0;
-    }
-    if (disks.size() > 16) return fail("at most 16 disks at once");
-    int good = 0;
-    for (size_t i = 0; i < disks.size(); i++) {
-      std::string path = resolve_dev(disks[i]);
-      if (path.empty()) return 1;
-      db_info_t& row = app->db_info[i];
-      memset(&row, 0, sizeof row);
-      snprintf(row.dev, sizeof row.dev, "%s", path.c_str());
-      snprintf(row.model, sizeof row.model, "image");
-      row.db = new fs_db();
-      app->db_cnt = static_cast<int>(i) + 1;
-      if (row.db->open(static_cast<int>(i), path.c_str(), "r") == 0 && row.db->q_key() != 0)
-        good++;
-      else
-        err("%s holds no readable volume; left out", disks[i].c_str());
-    }
-    if (good == 0) return fail("none of the disks holds a readable volume");
-    return 0;
-  }
-  const char* name(int i) const { return app->db_info[i].dev; }
-};
 
 // Runs fn with the disk table narrowed to row i. The minute list says nothing of the
 // disk a minute came from, so a per-disk listing asks the library one disk at a time.
@@ -215,7 +180,7 @@ int run_search(const std::vector<std::string>& in) {
       return usage_error("search", "--cells: 1 to 64 grid words");
   }
 
-  volumes v;
+  volume_set v;
   if ((rc = v.open(args)) != 0) return rc;
   fs_app& app = *v.app;
   int b = static_cast<int>(beg), e = static_cast<int>(end);
@@ -486,7 +451,7 @@ int run_play(const std::vector<std::string>& in) {
   int rc = 0;
   if (!only_disks("play", args, &rc)) return rc;
 
-  volumes vol;
+  volume_set vol;
   if ((rc = vol.open(args)) != 0) return rc;
   fs_app& app = *vol.app;
   if (app.r_set(static_cast<int>(at), 0) != 0)
@@ -542,7 +507,7 @@ int run_timeline(const std::vector<std::string>& in) {
   std::string out = args[0];
   args.erase(args.begin());
 
-  volumes vol;
+  volume_set vol;
   if ((rc = vol.open(args)) != 0) return rc;
   fs_app& app = *vol.app;
   int b = static_cast<int>(day), e = static_cast<int>(day + 86399);

@@ -31,49 +31,57 @@ check record 0 rr --root "$b" record --channels 2 --from "2024-03-01 10:59:30" -
   --fps 5 --main-kbps 64 --sub-kbps 16
 span=(--from "2024-03-01 10:59:40" --to "2024-03-01 11:00:50")
 
-check no-dir 1 rr --root "$b" export "${span[@]}" --ch 1 "$dir/missing"
+check no-dir 1 rr --root "$b" export "${span[@]}" --ch 0 "$dir/missing"
 has no-dir err "does not exist"
-check bad-channel 2 rr --root "$b" export "${span[@]}" --ch 0 "$o"
+check bad-channel 2 rr --root "$b" export "${span[@]}" --ch 32 "$o"
 has bad-channel err "--ch"
-check backwards 2 rr --root "$b" export --from "2024-03-01 11:00" --to "2024-03-01 10:00" --ch 1 "$o"
+check backwards 2 rr --root "$b" export --from "2024-03-01 11:00" --to "2024-03-01 10:00" --ch 0 "$o"
 has backwards err "before --from"
-check no-from 2 rr --root "$b" export --to "2024-03-01 11:00" --ch 1 "$o"
-check bad-format 2 rr --root "$b" export "${span[@]}" --ch 1 --format avi "$o"
-check empty-range 1 rr --root "$b" export --from "2024-03-02 10:00" --to "2024-03-02 11:00" --ch 1 "$o"
+check no-from 2 rr --root "$b" export --to "2024-03-01 11:00" --ch 0 "$o"
+check bad-format 2 rr --root "$b" export "${span[@]}" --ch 0 --format avi "$o"
+check empty-range 1 rr --root "$b" export --from "2024-03-02 10:00" --to "2024-03-02 11:00" --ch 0 "$o"
 has empty-range err "nothing recorded"
 
 # Two hours touched: one planned file per hour and channel, progress in 10 % steps.
-check two-phase 0 rr --root "$b" export "${span[@]}" --ch 1,2 "$o"
+check two-phase 0 rr --root "$b" export "${span[@]}" --ch 0,1 "$o"
 has two-phase out "20240301_10h59m40s_ch01_1920x1080x5.m4v 0 "
 has two-phase out "20240301_11h00m00s_ch02_1920x1080x5.m4v 1 "
 has two-phase err "export: 100%"
 has two-phase err "exported 4 file(s)"
 [ "$(ls "$o" | wc -l)" = 4 ] || { echo "FAIL two-phase: $(ls "$o")"; failures=$((failures + 1)); }
 if grep -q "PROGRESS" "$dir/err"; then echo "FAIL quiet: library lines without -v"; failures=$((failures + 1)); fi
-check verbose 0 rr -v --root "$b" export "${span[@]}" --ch 1 "$dir"
+check verbose 0 rr -v --root "$b" export "${span[@]}" --ch 0 "$dir"
 has verbose err "bk_phase_one"
 rm -f "$dir"/*.m4v
 
+# A disk pulled from a recorder: the image named in place of a board gives the same plan.
+rm -f "$o"/*
+check image 0 rr export "$b/dev/sda" "${span[@]}" --ch 0 "$o"
+has image out "20240301_10h59m40s_ch01_1920x1080x5.m4v 0 "
+has image err "exported 2 file(s)"
+check image-none 1 rr export "$dir/out" "${span[@]}" --ch 0 "$o"
+has image-none err "no readable volume"
+
 # Single pass runs on across the hour: one file.
 rm -f "$o"/*
-check single 0 rr --root "$b" export "${span[@]}" --ch 2 --single-pass --audio "$o"
+check single 0 rr --root "$b" export "${span[@]}" --ch 1 --single-pass --audio "$o"
 has single err "exported 1 file(s)"
-check substream 0 rr --root "$b" export "${span[@]}" --ch 2 --substream "$o"
+check substream 0 rr --root "$b" export "${span[@]}" --ch 1 --substream "$o"
 has substream out "_ch02_704x576x5.m4v"
-check substream-single 2 rr --root "$b" export "${span[@]}" --ch 2 --substream --single-pass "$o"
+check substream-single 2 rr --root "$b" export "${span[@]}" --ch 1 --substream --single-pass "$o"
 
 # IRF: one file per hour that the ringrec irf reader accepts; OEM: one file per minute.
 rm -f "$o"/*
-check irf 0 rr --root "$b" export "${span[@]}" --ch 1,2 --format irf "$o"
+check irf 0 rr --root "$b" export "${span[@]}" --ch 0,1 --format irf "$o"
 has irf out "20240301_10h59m40s.irf"
 has irf out "20240301_11h00m00s.irf"
 check irf-read 0 rr irf "$o/20240301_10h59m40s.irf"
-has irf-read out "channel 2:"
+has irf-read out "channel 1:"
 [ -e "$b/tmp/header.irf" ] && { echo "FAIL irf: the header the tool made was left behind"; failures=$((failures + 1)); }
 rm -f "$o"/*
-check oem 0 rr --root "$b" export "${span[@]}" --ch 1 --format oem "$o"
+check oem 0 rr --root "$b" export "${span[@]}" --ch 0 --format oem "$o"
 [ "$(ls "$o" | wc -l)" = 2 ] || { echo "FAIL oem: $(ls "$o")"; failures=$((failures + 1)); }
-check oem-flags 2 rr --root "$b" export "${span[@]}" --ch 1 --format oem --single-pass "$o"
+check oem-flags 2 rr --root "$b" export "${span[@]}" --ch 0 --format oem --single-pass "$o"
 
 echo "$failures failed"
 [ "$failures" = 0 ]

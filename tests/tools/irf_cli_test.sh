@@ -29,10 +29,10 @@ if command -v ffmpeg >/dev/null 2>&1; then
     -bf 0 -g 10 -x264-params aud=1 -f h264 "$dir/src.h264" && es="$dir/src.h264"
 fi
 
-# make_irf OUT RAW_CH1 [ES]: two channels (stored 0 and 1), 30 video frames each with a
+# make_irf OUT RAW_CH0 [ES]: two channels (stored 0 and 1), 30 video frames each with a
 # key frame every 10 and one audio frame per video frame; links as the multi-slot writer
-# sets them. Writes channel 1's video frames, concatenated, to RAW_CH1.
-python3 - "$dir/a.irf" "$dir/ch1.raw" "$es" <<'EOF' || { echo "FAIL: python"; exit 1; }
+# sets them. Writes channel 0's video frames, concatenated, to RAW_CH0.
+python3 - "$dir/a.irf" "$dir/ch0.raw" "$es" <<'EOF' || { echo "FAIL: python"; exit 1; }
 import struct, sys
 out, raw, es = sys.argv[1], sys.argv[2], sys.argv[3]
 frames = []
@@ -73,8 +73,8 @@ size=$(stat -c %s "$dir/a.irf")
 
 check summary 0 rr irf "$dir/a.irf"
 has summary out "IRF, $size bytes, 90 frame records"
-has summary out "channel 1: 30 video frames (3 key), 30 audio frames"
-has summary out "channel 2: 30 video frames (3 key), 0 audio frames"
+has summary out "channel 0: 30 video frames (3 key), 30 audio frames"
+has summary out "channel 1: 30 video frames (3 key), 0 audio frames"
 has summary out "320x240 at 10/s"
 if grep -q "back links" "$dir/out"; then
   echo "FAIL summary: links reported bad"; failures=$((failures + 1))
@@ -84,14 +84,14 @@ check frames 0 rr irf "$dir/a.irf" --frames
 [ "$(grep -cE '^ *[0-9]+  (key|video|audio) ' "$dir/out")" = 90 ] || {
   echo "FAIL frames: not 90 record lines"; cat "$dir/out"; failures=$((failures + 1)); }
 # The first record sits at 4096 with no earlier key frame.
-grep -qE '^ +4096  key +1 .* -1 ' "$dir/out" || { echo "FAIL frames: first record"; head -3 "$dir/out"; failures=$((failures + 1)); }
+grep -qE '^ +4096  key +0 .* -1 ' "$dir/out" || { echo "FAIL frames: first record"; head -3 "$dir/out"; failures=$((failures + 1)); }
 
-check extract 0 rr irf "$dir/a.irf" --extract 1 "$dir/x.h264"
-cmp -s "$dir/x.h264" "$dir/ch1.raw" || { echo "FAIL extract: bytes differ"; failures=$((failures + 1)); }
-has extract out "channel 1, 30 frames"
+check extract 0 rr irf "$dir/a.irf" --extract 0 "$dir/x.h264"
+cmp -s "$dir/x.h264" "$dir/ch0.raw" || { echo "FAIL extract: bytes differ"; failures=$((failures + 1)); }
+has extract out "channel 0, 30 frames"
 
 if [ -n "$es" ] && command -v ffprobe >/dev/null 2>&1; then
-  check mp4 0 rr irf "$dir/a.irf" --mp4 "$dir/x.mp4" --ch 2
+  check mp4 0 rr irf "$dir/a.irf" --mp4 "$dir/x.mp4" --ch 1
   probe=$(ffprobe -v error -select_streams v:0 -count_frames \
     -show_entries stream=codec_name,width,height,nb_read_frames -of csv=p=0 "$dir/x.mp4")
   [ "$probe" = "h264,320,240,30" ] || { echo "FAIL mp4: ffprobe says '$probe'"; failures=$((failures + 1)); }
@@ -101,8 +101,8 @@ fi
 
 # Refusals: usage, a missing file, another kind of file, version 1, a cut copy.
 check usage 2 rr irf
-check usage-ch 2 rr irf "$dir/a.irf" --extract 0 "$dir/y"
-has usage-ch err "1 to 32"
+check usage-ch 2 rr irf "$dir/a.irf" --extract 32 "$dir/y"
+has usage-ch err "0 to 31"
 check missing 1 rr irf "$dir/none.irf"
 has missing err "cannot open"
 head -c 100 "$dir/a.irf" >"$dir/short.irf"
