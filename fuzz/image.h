@@ -39,6 +39,25 @@ inline void lay(int fd, long long off, const unsigned char* data, size_t n, size
   if (pwrite(fd, b.data(), b.size(), off) != static_cast<ssize_t>(b.size())) abort();
 }
 
+// Cuts an input into the places a small volume keeps its records: the superblock (36
+// bytes at 0), the root table (4096 bytes at 0x400000) and the starts of the first three
+// 4 MiB regions of the ring (8192 bytes each at 0x800000, 0xC00000, 0x1000000), where a
+// recorder puts an hour's minute table and its first minutes. The volume and reader
+// targets share the layout, and with it their seeds.
+inline void lay_volume(int fd, const unsigned char* data, size_t size) {
+  struct piece {
+    long long off;
+    size_t room;
+  };
+  static const piece pieces[] = {
+      {0, 36}, {0x400000, 4096}, {0x800000, 8192}, {0xC00000, 8192}, {0x1000000, 8192}};
+  size_t at = 0;
+  for (const piece& p : pieces) {
+    lay(fd, p.off, data + (at < size ? at : size), at < size ? size - at : 0, p.room);
+    at += p.room;
+  }
+}
+
 // The retry pauses cost 100 ms each: a fuzzer must not wait for them.
 inline int no_pause(unsigned int) { return 0; }
 

@@ -1,22 +1,11 @@
-// Opening, checking and listing a volume whose tables come from the fuzzer. The input
-// is cut into the places a small volume keeps its records: the superblock (36 bytes at
-// 0), the root table (4096 bytes at 0x400000) and the starts of the first three 4 MiB
-// regions of the ring (8192 bytes each at 0x800000, 0xC00000, 0x1000000), where a
-// recorder puts an hour's minute table and its first minutes. Every read path must
-// refuse, repair or skip: no crash, no hang, no read past a buffer, and a read-only open
-// that writes nothing.
+// Opening, checking and listing a volume whose tables come from the fuzzer, laid out as
+// fuzz::lay_volume places them. Every read path must refuse, repair or skip: no crash,
+// no hang, no read past a buffer, and a read-only open that writes nothing.
 #include <ringrec/fs_db.h>
 
 #include "image.h"
 
 namespace {
-
-struct Piece {
-  long long off;
-  size_t room;
-};
-const Piece kPieces[] = {
-    {0, 36}, {0x400000, 4096}, {0x800000, 8192}, {0xC00000, 8192}, {0x1000000, 8192}};
 
 long long g_writes = 0;
 long long (*g_pwrite)(int, const void*, int, long long) = nullptr;
@@ -60,12 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     fs_sys.pwrite = counting_pwrite;
   }
   int fd = fuzz::reset(path);
-  size_t at = 0;
-  for (const Piece& p : kPieces) {
-    size_t n = at < size ? size - at : 0;
-    fuzz::lay(fd, p.off, data + at, n, p.room);
-    at += p.room;
-  }
+  fuzz::lay_volume(fd, data, size);
   close(fd);
 
   fs_db d;

@@ -51,11 +51,13 @@ ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 run out/asan
 CC=clang CXX=clang++ build out/fuzz -DRINGREC_FUZZ=ON -DRINGREC_SANITIZE=address,undefined \
   -DRINGREC_TESTS=OFF -DRINGREC_TOOLS=OFF
 echo "== fuzz"
-for t in volume minute; do
-  out/fuzz/fuzz/fuzz_$t -runs=0 -close_fd_mask=2 fuzz/corpus/$t
+# The reader target lays its input out as the volume target does and shares its seeds.
+for t in volume minute reader; do
+  seeds=fuzz/corpus/$t; [ "$t" = reader ] && seeds=fuzz/corpus/volume
+  out/fuzz/fuzz/fuzz_$t -runs=0 -close_fd_mask=2 $seeds
   rm -rf out/fuzz/work/$t && mkdir -p out/fuzz/work/$t
   out/fuzz/fuzz/fuzz_$t -max_total_time="${RINGREC_FUZZ_SECONDS:-60}" -close_fd_mask=2 \
-    -max_len=300000 -print_final_stats=1 -artifact_prefix=out/fuzz/ out/fuzz/work/$t fuzz/corpus/$t
+    -max_len=300000 -print_final_stats=1 -artifact_prefix=out/fuzz/ out/fuzz/work/$t $seeds
 done
 
 build out/tsan -DRINGREC_SANITIZE=thread -DRINGREC_TOOLS=OFF
