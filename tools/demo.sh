@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The main job: builds ringrec, then on a simulated recorder in a temporary directory
-# formats two disks, records a few minutes of several channels, and shows the disk
-# report and the volume listing. Given a real disk or image (tools/demo.sh /dev/sdX),
-# it only reads it: its volume information and listing.
+# formats two disks, records a few minutes of several channels, shows the disk report
+# and the volume listing, finds and plays the recording, and exports a minute of one
+# channel to MP4. Given real disks or images (tools/demo.sh /dev/sdX ...), it only reads
+# them: volume information, listing and the recorded time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 top=$PWD
@@ -17,6 +18,7 @@ rr="$top/out/demo/ringrec"
 if [ $# -gt 0 ]; then
   "$rr" info "$1"
   "$rr" ls "$1"
+  "$rr" search "$@"
   exit 0
 fi
 
@@ -32,3 +34,8 @@ if "$rr" help | grep -q ' record '; then
 fi
 "$rr" --root "$board" info sda
 "$rr" --root "$board" ls sda
+"$rr" --root "$board" search
+"$rr" --root "$board" play --at "2026-11-22 09:59:59" --count 6
+mkdir -p "$board/export"
+"$rr" --root "$board" export --from "2026-11-22 09:59:30" --to "2026-11-22 10:00:30" --ch 0 "$board/export"
+ls -l "$board/export"
