@@ -58,6 +58,25 @@ inline void lay_volume(int fd, const unsigned char* data, size_t size) {
   }
 }
 
+// Writes through the system-call table, counted: a read-only open must make none.
+inline long long& writes() {
+  static long long n = 0;
+  return n;
+}
+inline long long (*&plain_pwrite())(int, const void*, int, long long) {
+  static long long (*f)(int, const void*, int, long long) = nullptr;
+  return f;
+}
+inline long long counting_pwrite(int fd, const void* b, int n, long long off) {
+  writes()++;
+  return plain_pwrite()(fd, b, n, off);
+}
+inline void count_writes() {
+  if (plain_pwrite() != nullptr) return;
+  plain_pwrite() = fs_sys.pwrite;
+  fs_sys.pwrite = counting_pwrite;
+}
+
 // The retry pauses cost 100 ms each: a fuzzer must not wait for them.
 inline int no_pause(unsigned int) { return 0; }
 

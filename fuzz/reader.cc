@@ -10,12 +10,6 @@
 
 namespace {
 
-long long g_writes = 0;
-long long (*g_pwrite)(int, const void*, int, long long) = nullptr;
-long long counting_pwrite(int fd, const void* b, int n, long long off) {
-  g_writes++;
-  return g_pwrite(fd, b, n, off);
-}
 
 // Steps through blocks from the cursor's position; the walk between minutes is
 // circular, so the number of steps is bounded here.
@@ -32,11 +26,8 @@ void play(fs_app& app, int dir) {
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
   static std::string path = fuzz::scratch("reader");
-  if (g_pwrite == nullptr) {
-    fuzz::quiet_table();
-    g_pwrite = fs_sys.pwrite;
-    fs_sys.pwrite = counting_pwrite;
-  }
+  fuzz::quiet_table();
+  fuzz::count_writes();
   int fd = fuzz::reset(path);
   fuzz::lay_volume(fd, data, size);
   close(fd);
@@ -48,7 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
   snprintf(row.dev, sizeof row.dev, "%s", path.c_str());
   row.db = new fs_db();
   app.db_cnt = 1;
-  g_writes = 0;
+  fuzz::writes() = 0;
   if (row.db->open(0, path.c_str(), "r") == 0) {
     const int beg = 0, end = 0x7FFFFFFF;
     int n = 0;
@@ -69,6 +60,6 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     }
   }
   app.db_close();
-  if (g_writes != 0) abort();  // a read-only reader wrote
+  if (fuzz::writes() != 0) abort();  // a read-only reader wrote
   return 0;
 }

@@ -7,12 +7,6 @@
 
 namespace {
 
-long long g_writes = 0;
-long long (*g_pwrite)(int, const void*, int, long long) = nullptr;
-long long counting_pwrite(int fd, const void* b, int n, long long off) {
-  g_writes++;
-  return g_pwrite(fd, b, n, off);
-}
 
 void walk(fs_db& d) {
   d.print();
@@ -43,20 +37,17 @@ void walk(fs_db& d) {
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
   static std::string path = fuzz::scratch("volume");
-  if (g_pwrite == nullptr) {
-    fuzz::quiet_table();
-    g_pwrite = fs_sys.pwrite;
-    fs_sys.pwrite = counting_pwrite;
-  }
+  fuzz::quiet_table();
+  fuzz::count_writes();
   int fd = fuzz::reset(path);
   fuzz::lay_volume(fd, data, size);
   close(fd);
 
   fs_db d;
-  g_writes = 0;
+  fuzz::writes() = 0;
   if (d.open(0, path.c_str(), "r") == 0) walk(d);
   d.close();
-  if (g_writes != 0) abort();  // a read-only open wrote
+  if (fuzz::writes() != 0) abort();  // a read-only open wrote
   if (d.open(0, path.c_str(), "w") == 0) walk(d);
   d.close();
   return 0;

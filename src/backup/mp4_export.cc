@@ -554,108 +554,6 @@ void start_file(file_state& s, const frame_head_t& f) {
   s.at_rate = 0;
 }
 
-}  // namespace
-
-int fs_app::bk_write(FILE* out, int item, int ch, int& time, unsigned& width, unsigned& height,
-                     unsigned& fps) {
-  const char* fn = "bk_write";
-  if (item < 0 || item >= bk_state.num) return 0;
-  bk_item_t& it = bk_state.items[item];
-  fs_log(fn, 3420, "m_bk.bf[%d].cur.on = %d\n", item, it.resume);
-  reader r(this, &it, ch, false, fn);
-  int first = it.e.idx;
-  int first_off = static_cast<int>(it.off);
-  if (it.resume) {
-    first = it.resume_e.idx;
-    first_off = it.resume_off;
-    it.resume = 0;
-  } else {
-    time = 0;
-    bk_state.done++;
-  }
-  fs_log(fn, 3432, "%.2d: %.32s\n", item, it.e.name);
-  bool marker = same_file_marker();
-  file_state fs;
-  if (it.mp4 != nullptr) {
-    // A writer left open by the caller runs on: its picture is what the file began with.
-    fs.width = width;
-    fs.height = height;
-    fs.first_fps = fs.cur_fps = fps;
-  }
-  bool waiting = it.mp4 == nullptr;  // dropping frames until a key frame
-  scratch pcmbuf;
-  int result = 0;
-  for (int k = first; r.load(k); k++) {
-    if (!pb::is_min(r.e)) continue;
-    if (k == first) r.off = first_off;
-    fs_log(fn, 3447, "%d, %.32s\n", k, r.e.name);
-    if (bk_cancelled()) break;
-    // The minute's per-channel counts hold 60 channels; an entry without frames of
-    // the channel is passed over, and counts as done.
-    if (ch < 0 || ch >= 60 || rec_get_count(r.e, ch) == 0) {
-      bk_state.done++;
-      bk_sem(bk_percent(bk_state.done, bk_state.total), 0);
-      continue;
-    }
-    int got = walk_entry(r, [&](const frame& fr) {
-      uint32_t type = fr.f.type;
-      bool key = frame_is_key(type);
-      if (it.mp4 == nullptr) {
-        if (!key || fr.f.width == 0 || fr.f.height == 0) return kGoOn;
-        it.mp4 = new fs_mp4(codec_of(type));
-        it.mp4->set(static_cast<unsigned short>(fr.f.width),
-                    static_cast<unsigned short>(fr.f.height), fr.f.fps,
-                    static_cast<unsigned>(fr.block_time));
-        it.mp4->w_box_mdat(out);
-        time = fr.block_time;
-        width = fr.f.width;
-        height = fr.f.height;
-        fps = fr.f.fps;
-        start_file(fs, fr.f);
-      } else if (single_pass_ends(it.mp4, fs, fr.f, marker, true)) {
-        it.resume = 1;
-        it.resume_e = r.e;
-        it.resume_off = r.off;
-        result = 1;
-        return kStop;
-      }
-      if (type == FRAME_AUDIO) {
-        if (waiting) return kGoOn;
-        if (fr.f.fps == kAudioPcm) {
-          if (it.mp4->add(FRAME_AUDIO, fr.data, fr.len) > 0)
-            it.mp4->w_data(FRAME_AUDIO, out, fr.data, fr.len);
-          return kGoOn;
-        }
-        if (!adpcm_marker(fr.data, fr.len)) return kGoOn;
-        int pl = convert_audio(pcmbuf, fr.data, fr.len);
-        if (pl > 0 && it.mp4->add(FRAME_AUDIO, pcmbuf.p, static_cast<unsigned>(pl)) > 0)
-          it.mp4->w_data(FRAME_AUDIO, out, pcmbuf.p, static_cast<unsigned>(pl));
-        return kGoOn;
-      }
-      if (waiting && !key) return kGoOn;
-      int n = it.mp4->add(static_cast<int>(type), fr.data, fr.len);
-      if (n == 0) {
-        fs_log(fn, 3490, "VLOSS video!\n");
-        result = -1;
-        return kStop;
-      }
-      if (n < 0) {
-        waiting = true;
-        return kGoOn;
-      }
-      waiting = false;
-      it.mp4->w_data(static_cast<int>(type), out, fr.data, fr.len);
-      return kGoOn;
-    });
-    if (got == 1) return result;
-    bk_state.done++;
-    bk_sem(bk_percent(bk_state.done, bk_state.total), 0);
-  }
-  return 0;
-}
-
-namespace {
-
 // The multi selection does not record which slot an hour was selected for: the
 // item's slot is the first whose range holds its minute and whose mask its channel.
 int slot_of(const bk_multi_state_t& s, const bk_item_t& it, int ch) {
@@ -686,19 +584,34 @@ void gather_pcm(fs_mp4* mp4, FILE* out, const char* p, int n) {
   }
 }
 
-}  // namespace
 
-int fs_app::bk_multi_m4v_write(FILE* out, int item, int ch, int& time, unsigned& width,
-                               unsigned& height, unsigned& fps, bool audio) {
-  const char* fn = "bk_multi_m4v_write";
-  if (item < 0 || item >= bk_multi_state.num) return 0;
-  bk_item_t& it = bk_multi_state.items[item];
-  // One file runs on across the hours: the writer lives in the first item.
-  fs_mp4*& mp4 = bk_multi_state.items[0].mp4;
-  fs_log(fn, 3550, "m_bk.bf[%d].cur.on = %d\n", item, it.resume);
-  reader r(this, &it, ch, false, fn);
-  r.multi = true;
-  r.slot = slot_of(bk_multi_state, it, ch);
+// What sets the two single-pass writers apart.
+struct single_pass_form {
+  const char* fn;
+  int line_resume, line_item, line_entry, line_vloss;
+  int line_opened;  // the new file's picture is printed at this line; 0: not printed
+  bool multi;       // the multi-slot selection: its slot, its progress, 8000-byte audio
+  bool fps_rule;    // a change of frame rate ends the file
+  bool audio;       // sound goes into the file
+};
+
+// The single-pass export of one selected hour for channel ch into the writer `mp4`,
+// which a caller's earlier call may have left open. Returns 1 when a new file must be
+// started (the position is kept in the item for the next call), 0 when the hour is
+// done or cancelled, -1 at a video-loss frame.
+template <class State>
+int single_pass(fs_app* app, State& st, void (fs_app::*sem)(int, int),
+                const single_pass_form& form, fs_mp4*& mp4, FILE* out, int item, int ch,
+                int& time, unsigned& width, unsigned& height, unsigned& fps) {
+  const char* fn = form.fn;
+  if (item < 0 || item >= st.num) return 0;
+  bk_item_t& it = st.items[item];
+  fs_log(fn, form.line_resume, "m_bk.bf[%d].cur.on = %d\n", item, it.resume);
+  reader r(app, &it, ch, false, fn);
+  if (form.multi) {
+    r.multi = true;
+    r.slot = slot_of(app->bk_multi_state, it, ch);
+  }
   int first = it.e.idx;
   int first_off = static_cast<int>(it.off);
   if (it.resume) {
@@ -706,27 +619,31 @@ int fs_app::bk_multi_m4v_write(FILE* out, int item, int ch, int& time, unsigned&
     first_off = it.resume_off;
     it.resume = 0;
   } else {
-    bk_multi_state.done++;
+    if (!form.multi) time = 0;
+    st.done++;
   }
-  fs_log(fn, 3563, "%.2d: %.32s\n", item, it.e.name);
+  fs_log(fn, form.line_item, "%.2d: %.32s\n", item, it.e.name);
   bool marker = same_file_marker();
   file_state fs;
   if (mp4 != nullptr) {
+    // A writer left open by the caller runs on: its picture is what the file began with.
     fs.width = width;
     fs.height = height;
     fs.first_fps = fs.cur_fps = fps;
   }
-  bool waiting = mp4 == nullptr;
+  bool waiting = mp4 == nullptr;  // dropping frames until a key frame
   scratch pcmbuf;
   int result = 0;
   for (int k = first; r.load(k); k++) {
     if (!pb::is_min(r.e)) continue;
     if (k == first) r.off = first_off;
-    fs_log(fn, 3577, "%d, %.32s\n", k, r.e.name);
+    fs_log(fn, form.line_entry, "%d, %.32s\n", k, r.e.name);
     if (bk_cancelled()) break;
+    // The minute's per-channel counts hold 60 channels; an entry without frames of
+    // the channel is passed over, and counts as done.
     if (ch < 0 || ch >= 60 || rec_get_count(r.e, ch) == 0) {
-      bk_multi_state.done++;
-      bk_multi_sem(bk_percent(bk_multi_state.done, bk_multi_state.total), 0);
+      st.done++;
+      (app->*sem)(bk_percent(st.done, st.total), 0);
       continue;
     }
     int got = walk_entry(r, [&](const frame& fr) {
@@ -743,9 +660,10 @@ int fs_app::bk_multi_m4v_write(FILE* out, int item, int ch, int& time, unsigned&
         height = fr.f.height;
         fps = fr.f.fps;
         start_file(fs, fr.f);
-        fs_log(fn, 3594, "fps=%d, width=%d, height=%d, time=%d\n", static_cast<int>(fps),
-               static_cast<int>(width), static_cast<int>(height), time);
-      } else if (single_pass_ends(mp4, fs, fr.f, marker, false)) {
+        if (form.line_opened != 0)
+          fs_log(fn, form.line_opened, "fps=%d, width=%d, height=%d, time=%d\n",
+                 static_cast<int>(fps), static_cast<int>(width), static_cast<int>(height), time);
+      } else if (single_pass_ends(mp4, fs, fr.f, marker, form.fps_rule)) {
         it.resume = 1;
         it.resume_e = r.e;
         it.resume_off = r.off;
@@ -753,7 +671,7 @@ int fs_app::bk_multi_m4v_write(FILE* out, int item, int ch, int& time, unsigned&
         return kStop;
       }
       if (type == FRAME_AUDIO) {
-        if (!audio || waiting) return kGoOn;
+        if (!form.audio || waiting) return kGoOn;
         if (fr.f.fps == kAudioPcm) {
           if (mp4->add(FRAME_AUDIO, fr.data, fr.len) > 0)
             mp4->w_data(FRAME_AUDIO, out, fr.data, fr.len);
@@ -761,13 +679,17 @@ int fs_app::bk_multi_m4v_write(FILE* out, int item, int ch, int& time, unsigned&
         }
         if (!adpcm_marker(fr.data, fr.len)) return kGoOn;
         int pl = convert_audio(pcmbuf, fr.data, fr.len);
-        if (pl > 0) gather_pcm(mp4, out, pcmbuf.p, pl);
+        if (pl <= 0) return kGoOn;
+        if (form.multi)
+          gather_pcm(mp4, out, pcmbuf.p, pl);
+        else if (mp4->add(FRAME_AUDIO, pcmbuf.p, static_cast<unsigned>(pl)) > 0)
+          mp4->w_data(FRAME_AUDIO, out, pcmbuf.p, static_cast<unsigned>(pl));
         return kGoOn;
       }
       if (waiting && !key) return kGoOn;
       int n = mp4->add(static_cast<int>(type), fr.data, fr.len);
       if (n == 0) {
-        fs_log(fn, 3618, "VLOSS video!\n");
+        fs_log(fn, form.line_vloss, "VLOSS video!\n");
         result = -1;
         return kStop;
       }
@@ -780,10 +702,33 @@ int fs_app::bk_multi_m4v_write(FILE* out, int item, int ch, int& time, unsigned&
       return kGoOn;
     });
     if (got == 1) return result;
-    bk_multi_state.done++;
-    bk_multi_sem(bk_percent(bk_multi_state.done, bk_multi_state.total), 0);
+    st.done++;
+    (app->*sem)(bk_percent(st.done, st.total), 0);
   }
   return 0;
+}
+
+}  // namespace
+
+int fs_app::bk_write(FILE* out, int item, int ch, int& time, unsigned& width, unsigned& height,
+                     unsigned& fps) {
+  static const single_pass_form form = {"bk_write", 3420, 3432, 3447, 3490, 0,
+                                        false,      true, true};
+  fs_mp4* none = nullptr;
+  fs_mp4*& mp4 = item >= 0 && item < bk_state.num ? bk_state.items[item].mp4 : none;
+  return single_pass(this, bk_state, &fs_app::bk_sem, form, mp4, out, item, ch, time, width,
+                     height, fps);
+}
+
+int fs_app::bk_multi_m4v_write(FILE* out, int item, int ch, int& time, unsigned& width,
+                               unsigned& height, unsigned& fps, bool audio) {
+  const single_pass_form form = {"bk_multi_m4v_write", 3550, 3563, 3577, 3618, 3594,
+                                 true, false, audio};
+  // One file runs on across the hours: the writer lives in the first item.
+  fs_mp4* none = nullptr;
+  fs_mp4*& mp4 = bk_multi_state.num > 0 ? bk_multi_state.items[0].mp4 : none;
+  return single_pass(this, bk_multi_state, &fs_app::bk_multi_sem, form, mp4, out, item, ch,
+                     time, width, height, fps);
 }
 
 int fs_app::bk_multi_m4v_close(FILE* out, unsigned& pos, unsigned& size) {
