@@ -3,24 +3,7 @@
 # `ringrec irf` on IRF files composed here by a second writer (Python, from the byte
 # table): the summary, the record listing, raw extraction byte for byte, MP4 extraction
 # checked by ffprobe when ffmpeg is present, and the refusals.
-set -u
-rr_bin=$1
-emu=${2:-}
-rr() { $emu "$rr_bin" "$@"; }
-dir=$(mktemp -d /tmp/ringrec-irf-XXXXXX)
-trap 'rm -rf "$dir"' EXIT
-failures=0
-check() {  # check NAME EXPECTED_STATUS COMMAND...
-  local name=$1 want=$2; shift 2
-  "$@" >"$dir/out" 2>"$dir/err"
-  local got=$?
-  if [ "$got" != "$want" ]; then
-    echo "FAIL $name: exit $got, wanted $want"; cat "$dir/out" "$dir/err"; failures=$((failures + 1))
-  fi
-}
-has() {  # has NAME FILE TEXT
-  grep -qF -- "$3" "$dir/$2" || { echo "FAIL $1: no '$3' in $2"; cat "$dir/$2"; failures=$((failures + 1)); }
-}
+. "$(dirname "$0")/cli_kit.sh" irf_cli "$@"
 
 # An H.264 stream with an access-unit delimiter before every frame, when ffmpeg exists.
 es=""
@@ -77,26 +60,26 @@ has summary out "channel 0: 30 video frames (3 key), 30 audio frames"
 has summary out "channel 1: 30 video frames (3 key), 0 audio frames"
 has summary out "320x240 at 10/s"
 if grep -q "back links" "$dir/out"; then
-  echo "FAIL summary: links reported bad"; failures=$((failures + 1))
+  bad "summary: links reported bad"
 fi
 
 check frames 0 rr irf "$dir/a.irf" --frames
 [ "$(grep -cE '^ *[0-9]+  (key|video|audio) ' "$dir/out")" = 90 ] || {
-  echo "FAIL frames: not 90 record lines"; cat "$dir/out"; failures=$((failures + 1)); }
+  bad "frames: not 90 record lines"; cat "$dir/out"; }
 # The first record sits at 4096 with no earlier key frame.
-grep -qE '^ +4096  key +0 .* -1 ' "$dir/out" || { echo "FAIL frames: first record"; head -3 "$dir/out"; failures=$((failures + 1)); }
+grep -qE '^ +4096  key +0 .* -1 ' "$dir/out" || { bad "frames: first record"; head -3 "$dir/out"; }
 
 check extract 0 rr irf "$dir/a.irf" --extract 0 "$dir/x.h264"
-cmp -s "$dir/x.h264" "$dir/ch0.raw" || { echo "FAIL extract: bytes differ"; failures=$((failures + 1)); }
+cmp -s "$dir/x.h264" "$dir/ch0.raw" || { bad "extract: bytes differ"; }
 has extract out "channel 0, 30 frames"
 
 if [ -n "$es" ] && command -v ffprobe >/dev/null 2>&1; then
   check mp4 0 rr irf "$dir/a.irf" --mp4 "$dir/x.mp4" --ch 1
   probe=$(ffprobe -v error -select_streams v:0 -count_frames \
     -show_entries stream=codec_name,width,height,nb_read_frames -of csv=p=0 "$dir/x.mp4")
-  [ "$probe" = "h264,320,240,30" ] || { echo "FAIL mp4: ffprobe says '$probe'"; failures=$((failures + 1)); }
+  [ "$probe" = "h264,320,240,30" ] || { bad "mp4: ffprobe says '$probe'"; }
   ffmpeg -v error -i "$dir/x.mp4" -f null - 2>"$dir/dec" && [ ! -s "$dir/dec" ] ||
-    { echo "FAIL mp4: decoder errors"; cat "$dir/dec"; failures=$((failures + 1)); }
+    { bad "mp4: decoder errors"; cat "$dir/dec"; }
 fi
 
 # Refusals: usage, a missing file, another kind of file, version 1, a cut copy.
@@ -116,5 +99,4 @@ has cut out "cut short"
 check no-channel 1 rr irf "$dir/a.irf" --extract 9 "$dir/y"
 has no-channel err "channel 9 has no key frame"
 
-[ "$failures" = 0 ] && echo "irf cli: all passed"
-exit $((failures > 0))
+finish

@@ -3,29 +3,7 @@
 # tool's own simulated recorder: 4 minutes of 2 channels across an hour boundary that
 # fill the first of two disks and go on on the second, with motion, video loss and
 # sensor events at known seconds. Usage: read_tool_test.sh RINGREC [EMULATOR...]
-set -u
-rr_bin=$1
-emu=${2:-}
-rr() { $emu "$rr_bin" "$@"; }
-dir=$(mktemp -d /tmp/ringrec-read-XXXXXX)
-trap 'rm -rf "$dir"' EXIT
-failures=0
-bad() { echo "FAIL $*"; failures=$((failures + 1)); }
-check() {  # check NAME EXPECTED_STATUS COMMAND...
-  local name=$1 want=$2; shift 2
-  "$@" >"$dir/out" 2>"$dir/err"
-  local got=$?
-  [ "$got" = "$want" ] || { bad "$name: exit $got, wanted $want"; cat "$dir/out" "$dir/err"; }
-}
-has() {  # has NAME FILE TEXT
-  grep -qF -- "$3" "$dir/$2" || { bad "$1: no '$3' in $2"; head -20 "$dir/$2"; }
-}
-lacks() {  # lacks NAME FILE TEXT
-  ! grep -qF -- "$3" "$dir/$2" || bad "$1: '$3' in $2"
-}
-equal() {  # equal NAME GOT WANTED
-  [ "$2" = "$3" ] || bad "$1: got '$2', wanted '$3'"
-}
+. "$(dirname "$0")/cli_kit.sh" read_tool "$@"
 
 b=$dir/board
 rr sim create "$b" --disks 2 --size 96M >/dev/null && rr --root "$b" format sda >/dev/null &&
@@ -189,5 +167,4 @@ else
   echo "read_tool: ffmpeg missing, --extract not checked"
 fi
 
-[ $failures -eq 0 ] && echo "read_tool: all passed"
-exit $failures
+finish

@@ -1,27 +1,10 @@
 #!/usr/bin/env bash
 # Usage: tool_cli_test.sh RINGREC [EMULATOR...]
-set -u
-rr_bin=$1
-emu=${2:-}
-rr() { $emu "$rr_bin" "$@"; }
-dir=$(mktemp -d /tmp/ringrec-cli-XXXXXX)
-trap 'rm -rf "$dir"' EXIT
-failures=0
-check() {  # check NAME EXPECTED_STATUS COMMAND...
-  local name=$1 want=$2; shift 2
-  "$@" >"$dir/out" 2>"$dir/err"
-  local got=$?
-  if [ "$got" != "$want" ]; then
-    echo "FAIL $name: exit $got, wanted $want"; cat "$dir/out" "$dir/err"; failures=$((failures + 1))
-  fi
-}
-has() {  # has NAME FILE TEXT
-  grep -qF -- "$3" "$dir/$2" || { echo "FAIL $1: no '$3' in $2"; cat "$dir/$2"; failures=$((failures + 1)); }
-}
+. "$(dirname "$0")/cli_kit.sh" tool_cli "$@"
 
 b=$dir/board
 check sim-create 0 rr sim create "$b" --disks 2 --size 64M --usb sdc
-[ -s "$b/dev/sda" ] || [ -f "$b/dev/sda" ] || { echo "FAIL: no image"; failures=$((failures + 1)); }
+[ -s "$b/dev/sda" ] || [ -f "$b/dev/sda" ] || bad "sim-create: no image"
 has partitions-list board/proc/partitions "sdc"
 
 check info-unformatted 1 rr --root "$b" info sda
@@ -38,7 +21,7 @@ has info-json out '"first":0'
 # The library's own lines stay off the terminal unless -v is given.
 check check 0 rr --root "$b" check sda
 has check out "consistent, 0 hour entries"
-grep -q "CHKDSK" "$dir/err" && { echo "FAIL check: library lines without -v"; failures=$((failures + 1)); }
+grep -q "CHKDSK" "$dir/err" && { bad "check: library lines without -v"; }
 check check-verbose 0 rr --root "$b" -v check sda
 has check-verbose err "CHKDSK DONE"
 
@@ -62,5 +45,4 @@ check bad-time 2 rr --root "$b" retain 1 --now "2024-02-30 10:00"
 has bad-time err "bad --now time"
 check unknown 2 rr frobnicate
 
-[ $failures -eq 0 ] && echo "tool_cli: all passed"
-exit $failures
+finish
