@@ -6,11 +6,12 @@
 //
 // MP4 (the default) goes through the two-phase export: a plan (printed), then each
 // planned file written front to back. --single-pass writes as it reads, one file
-// running across hours until the picture changes; --audio adds the sound track there
-// (two-phase files carry a channel's recorded sound as they find it). Channels are
-// numbered from 0, as everywhere in the tool; the file names count them from 1 ("ch01"
-// is channel 0), as the recorder names its exports. --format irf writes one IRF backup file per
-// selected hour with every chosen channel; --format oem one OEM-format file per minute.
+// running across hours until the picture changes; --audio adds the sound track there,
+// a file per hour (two-phase files carry a channel's recorded sound as they find it).
+// Channels are numbered from 0, as everywhere in the tool; the file names count them
+// from 1 ("ch01" is channel 0), as the recorder names its exports. --format irf writes
+// one IRF backup file per selected hour with every chosen channel; --format oem one
+// OEM-format file per minute.
 //
 // Progress: the tool creates the recorder's progress semaphore set, as the recorder's
 // application does, and reads it beside the export: a bar on a terminal, a line per
@@ -244,17 +245,26 @@ int two_phase(job& j) {
   return 0;
 }
 
+// Single pass writes as it reads. Without sound the multi-slot writer runs one file on
+// across the hours until the picture changes. With sound each hour is written by the
+// per-hour writer, which hands the converted sound to the file frame by frame; the
+// multi-slot writer gathers it into 8000-byte pieces that the file's fixed sound chunk
+// table does not describe, so players would play that sound at the wrong pace.
 int single_pass(job& j) {
+  const bool per_hour = j.audio;
   for (int ch : j.chans) {
-    int one = ch, b = j.beg, e = j.end, m = 1 << ch;
-    int items = j.app->bk_multi_set(&b, &e, &m, 1);
+    int b = j.beg, e = j.end, m = 1 << ch;
+    int items = per_hour ? j.app->bk_set(j.beg, j.end, m) : j.app->bk_multi_set(&b, &e, &m, 1);
     FILE* f = nullptr;
     std::string tmp = j.dir + "/.export.part";
-    int t = 0;
+    int t = 0, cur = 0;
     unsigned w = 0, h = 0, fps = 0;
     auto finish = [&]() -> int {
       unsigned box = 0, data = 0;
-      j.app->bk_multi_m4v_close(f, box, data);
+      if (per_hour)
+        j.app->bk_close(f, cur, box, data);
+      else
+        j.app->bk_multi_m4v_close(f, box, data);
       set_mdat_size(f, data);
       if (write_failed(f)) return say(j, "writing " + tmp + " failed (is the disk full?)");
       f = nullptr;
@@ -262,7 +272,7 @@ int single_pass(job& j) {
         remove(tmp.c_str());
         return 0;
       }
-      std::string name = free_name(j.dir, t, one, w, h, fps);
+      std::string name = free_name(j.dir, t, ch, w, h, fps);
       std::string path = j.dir + "/" + name;
       if (rename(tmp.c_str(), path.c_str()) != 0) return say(j, "cannot name " + path);
       fprintf(stdout, "wrote %s (%lld bytes)\n", path.c_str(), size_of(path));
@@ -271,12 +281,14 @@ int single_pass(job& j) {
       return 0;
     };
     for (int item = 0; item < items && !g_cancelled; item++) {
+      cur = item;
       for (;;) {
         if (!f) {
           f = fopen(tmp.c_str(), "wb");
           if (!f) return say(j, "cannot create " + tmp + ": " + strerror(errno));
         }
-        int r = j.app->bk_multi_m4v_write(f, item, ch, t, w, h, fps, j.audio);
+        int r = per_hour ? j.app->bk_write(f, item, ch, t, w, h, fps)
+                         : j.app->bk_multi_m4v_write(f, item, ch, t, w, h, fps, false);
         if (r == 1) {
           if (finish() != 0) return 1;
           continue;
@@ -284,12 +296,17 @@ int single_pass(job& j) {
         if (r < 0) fprintf(j.out, "ringrec: channel %d: video loss, the file ends there\n", ch);
         break;
       }
+      if (per_hour && f && finish() != 0) return 1;
     }
     if (f && finish() != 0) return 1;
-    // The multi selection has no clear of its own and a new selection zeroes its
-    // fields without freeing: the array goes back here (its writer is closed above).
-    free(j.app->bk_multi_state.items);
-    memset(&j.app->bk_multi_state, 0, sizeof j.app->bk_multi_state);
+    if (per_hour) {
+      j.app->bk_clr();
+    } else {
+      // The multi selection has no clear of its own and a new selection zeroes its
+      // fields without freeing: the array goes back here (its writer is closed above).
+      free(j.app->bk_multi_state.items);
+      memset(&j.app->bk_multi_state, 0, sizeof j.app->bk_multi_state);
+    }
     if (g_cancelled) break;
   }
   if (j.files == 0 && !g_cancelled)

@@ -64,8 +64,18 @@ has image-none err "no readable volume"
 
 # Single pass runs on across the hour: one file.
 rm -f "$o"/*
-check single 0 rr --root "$b" export "${span[@]}" --ch 1 --single-pass --audio "$o"
+check single 0 rr --root "$b" export "${span[@]}" --ch 1 --single-pass "$o"
 has single err "exported 1 file(s)"
+# With sound, a file per hour, each with a sound track.
+rm -f "$o"/*
+check single-audio 0 rr --root "$b" export "${span[@]}" --ch 1 --single-pass --audio "$o"
+has single-audio err "exported 2 file(s)"
+if command -v ffprobe >/dev/null 2>&1; then
+  for f in "$o"/*.m4v; do
+    [ "$(ffprobe -v error -show_entries stream=codec_name -of csv=p=0 "$f" | tr '\n' ,)" = "h264,pcm_s16le," ] ||
+      { echo "FAIL single-audio: $f has no sound track"; failures=$((failures + 1)); }
+  done
+fi
 check substream 0 rr --root "$b" export "${span[@]}" --ch 1 --substream "$o"
 has substream out "_ch02_704x576x5.m4v"
 check substream-single 2 rr --root "$b" export "${span[@]}" --ch 1 --substream --single-pass "$o"
