@@ -299,6 +299,7 @@ class fs_app {
   void finish_minute(fs_db* db);         // at the minute boundary
   void refuse_minute(fs_db* db);         // a block did not fit: close what was written
   void close_minute(fs_db* db, bool clear);
+  void flush_locked();  // flush's work, with db_mutex held
   // The disks write tries in turn after a failure.
   struct disk_order {
     std::vector<int> rows;  // the other writable disks, newest recording first

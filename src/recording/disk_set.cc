@@ -293,8 +293,10 @@ int fs_app::db_set(int idx, const char* mode) {
     fs_log("db_set", 393, "ERR: idx = %d, cnt = %d\n", idx, db_cnt);
     return -1;
   }
-  flush();
+  // The flush runs under the same hold of db_mutex as the clear of the writer state:
+  // a block written between the two would be accepted, then dropped with the state.
   pthread_mutex_lock(&db_mutex);
+  flush_locked();
   fs_db* db = db_info[idx].db;
   if (db != nullptr) {
     if (strcmp(mode, "OVWR") == 0) db->s_flag(0);
@@ -313,8 +315,8 @@ int fs_app::db_format(int idx) {
     fs_log("db_format", 363, "ERR: idx = %d, cnt = %d\n", idx, db_cnt);
     return -1;
   }
-  flush();
   pthread_mutex_lock(&db_mutex);
+  flush_locked();  // under the same hold as the clear, as in db_set
   clear_playback();
   clear_writer(false);
   int r = db_info[idx].db != nullptr ? db_info[idx].db->format() : -1;

@@ -118,9 +118,13 @@ void fs_app::close_minute(fs_db* db, bool clear) {
   min_dirty = 0;
 }
 
+void fs_app::flush_locked() {
+  if (cur_db != nullptr && min_dirty) close_minute(cur_db, false);
+}
+
 int fs_app::flush() {
   pthread_mutex_lock(&db_mutex);
-  if (cur_db != nullptr && min_dirty) close_minute(cur_db, false);
+  flush_locked();
   pthread_mutex_unlock(&db_mutex);
   return 0;
 }

@@ -27,19 +27,31 @@ TEST(Concurrency, CaptureDetectorsAndUserInterfaceAtOnce) {
   };
   std::vector<sent> log[2];
   int opened[2] = {-1, -1};
+  // Capture threads of a recorder stamp their blocks with the same clock: neither runs
+  // more than one step (200 ms) ahead of the other. Left free, one thread could run
+  // seconds of simulated time ahead and flip the write path between two minutes (or
+  // hours) at every block, each flip a new 4 MiB entry, until the disks recycle.
+  std::atomic<int> steps[2];
+  steps[0] = steps[1] = 0;
+  std::atomic<bool> gave_up(false);
   auto capture = [&](int id) {
     sim::capture cap;
     sim::capture_spec shape = rec::small_spec(2);
     shape.block_ms = 200;
     shape.seed = static_cast<uint32_t>(id + 1);
     opened[id] = cap.open(shape, start * 1000LL, nullptr);
-    if (opened[id] != 0) return;
+    if (opened[id] != 0) {
+      gave_up = true;
+      return;
+    }
     std::vector<std::string> blocks;
     for (int i = 0; i < 5 * 90; i++) {  // 90 s of capture time
+      while (steps[1 - id].load() < i && !gave_up.load()) std::this_thread::yield();
       cap.next(blocks);
       if (id == 0) sim::clock_set(cap.time());
       for (const std::string& b : blocks)
         log[id].push_back({b, app->write(cap.time(), static_cast<int>(b.size()), b.data())});
+      steps[id] = i + 1;
     }
   };
   auto detector = [&](int id) {
