@@ -3,24 +3,7 @@
 # or 1 (failure); good input writes the planned files and reports progress in 10 % lines
 # when standard error is not a terminal.
 # Usage: export_cli_test.sh RINGREC [EMULATOR...]
-set -u
-rr_bin=$1
-emu=${2:-}
-rr() { $emu "$rr_bin" "$@"; }
-dir=$(mktemp -d /tmp/ringrec-export-cli-XXXXXX)
-trap 'rm -rf "$dir"' EXIT
-failures=0
-check() {  # check NAME EXPECTED_STATUS COMMAND...
-  local name=$1 want=$2; shift 2
-  "$@" >"$dir/out" 2>"$dir/err"
-  local got=$?
-  if [ "$got" != "$want" ]; then
-    echo "FAIL $name: exit $got, wanted $want"; cat "$dir/out" "$dir/err"; failures=$((failures + 1))
-  fi
-}
-has() {  # has NAME FILE TEXT
-  grep -qF -- "$3" "$dir/$2" || { echo "FAIL $1: no '$3' in $2"; cat "$dir/$2"; failures=$((failures + 1)); }
-}
+. "$(dirname "$0")/../tools/cli_kit.sh" export_cli "$@"
 
 b=$dir/board
 o=$dir/o
@@ -48,8 +31,8 @@ has two-phase out "20240301_10h59m40s_ch01_1920x1080x5.m4v 0 "
 has two-phase out "20240301_11h00m00s_ch02_1920x1080x5.m4v 1 "
 has two-phase err "export: 100%"
 has two-phase err "exported 4 file(s)"
-[ "$(ls "$o" | wc -l)" = 4 ] || { echo "FAIL two-phase: $(ls "$o")"; failures=$((failures + 1)); }
-if grep -q "PROGRESS" "$dir/err"; then echo "FAIL quiet: library lines without -v"; failures=$((failures + 1)); fi
+[ "$(ls "$o" | wc -l)" = 4 ] || bad "two-phase: $(ls "$o")"
+if grep -q "PROGRESS" "$dir/err"; then bad "quiet: library lines without -v"; fi
 check verbose 0 rr -v --root "$b" export "${span[@]}" --ch 0 "$dir"
 has verbose err "bk_phase_one"
 rm -f "$dir"/*.m4v
@@ -73,7 +56,7 @@ has single-audio err "exported 2 file(s)"
 if command -v ffprobe >/dev/null 2>&1; then
   for f in "$o"/*.m4v; do
     [ "$(ffprobe -v error -show_entries stream=codec_name -of csv=p=0 "$f" | tr '\n' ,)" = "h264,pcm_s16le," ] ||
-      { echo "FAIL single-audio: $f has no sound track"; failures=$((failures + 1)); }
+      bad "single-audio: $f has no sound track"
   done
 fi
 check substream 0 rr --root "$b" export "${span[@]}" --ch 1 --substream "$o"
@@ -87,11 +70,10 @@ has irf out "20240301_10h59m40s.irf"
 has irf out "20240301_11h00m00s.irf"
 check irf-read 0 rr irf "$o/20240301_10h59m40s.irf"
 has irf-read out "channel 1:"
-[ -e "$b/tmp/header.irf" ] && { echo "FAIL irf: the header the tool made was left behind"; failures=$((failures + 1)); }
+[ -e "$b/tmp/header.irf" ] && bad "irf: the header the tool made was left behind"
 rm -f "$o"/*
 check oem 0 rr --root "$b" export "${span[@]}" --ch 0 --format oem "$o"
-[ "$(ls "$o" | wc -l)" = 2 ] || { echo "FAIL oem: $(ls "$o")"; failures=$((failures + 1)); }
+[ "$(ls "$o" | wc -l)" = 2 ] || bad "oem: $(ls "$o")"
 check oem-flags 2 rr --root "$b" export "${span[@]}" --ch 0 --format oem --single-pass "$o"
 
-echo "$failures failed"
-[ "$failures" = 0 ]
+finish
