@@ -206,6 +206,15 @@ int say(job& j, const std::string& msg) {
   return 1;
 }
 
+// Output that could not be written whole (a full or failing USB stick): an MP4 file
+// without its closing boxes, or a scratch file not yet named, is of no use to anyone,
+// so it goes, and the run stops there.
+int write_error(job& j, const std::string& path) {
+  remove(path.c_str());
+  return say(j, "writing into " + j.dir +
+                    " failed (is the disk full?); the unfinished file was removed");
+}
+
 int two_phase(job& j) {
   std::vector<char> plan(1 << 20, '\0');
   int n = j.sub ? j.app->bk_phase_one_substream(j.dir.c_str(), j.beg, j.end, j.mask, plan.data())
@@ -229,7 +238,7 @@ int two_phase(job& j) {
     if (!f) return say(j, "cannot create " + path + ": " + strerror(errno));
     int r = j.sub ? j.app->bk_phase_two_substream(f, name, ch, size, item, entry, off)
                   : j.app->bk_phase_two(f, name, ch, size, item, entry, off);
-    if (write_failed(f)) return say(j, "writing " + path + " failed (is the disk full?)");
+    if (write_failed(f)) return write_error(j, path);
     if (r <= 0) {
       // A planned file is only valid whole: its mdat size was written first.
       remove(path.c_str());
@@ -266,8 +275,9 @@ int single_pass(job& j) {
       else
         j.app->bk_multi_m4v_close(f, box, data);
       set_mdat_size(f, data);
-      if (write_failed(f)) return say(j, "writing " + tmp + " failed (is the disk full?)");
-      f = nullptr;
+      bool bad = write_failed(f);
+      f = nullptr;  // closed either way
+      if (bad) return write_error(j, tmp);
       if (data == 0) {
         remove(tmp.c_str());
         return 0;
@@ -383,7 +393,7 @@ int oem_export(job& j) {
       if (!f) return say(j, "cannot create " + tmp + ": " + strerror(errno));
       int ftime = 0;
       int r = j.app->bk_kesto_write(f, item, j.mask, ftime);
-      if (write_failed(f)) return say(j, "writing " + tmp + " failed (is the disk full?)");
+      if (write_failed(f)) return write_error(j, tmp);
       if (ftime == 0 || size_of(tmp) <= 0) {
         remove(tmp.c_str());
       } else {
@@ -490,8 +500,8 @@ int run_export(const std::vector<std::string>& in) {
            : single          ? single_pass(j)
                              : two_phase(j);
   // Completion (100 %, result 1) is posted only for a run that completed: a recorder's
-  // interface reading the semaphore must not show a cancelled backup as done.
-  if (!g_cancelled) app->bk_over();
+  // interface reading the semaphore must not show a cancelled or failed backup as done.
+  if (rc == 0 && !g_cancelled) app->bk_over();
   prog.finish();
   app->bk_clr();
   sigaction(SIGINT, &old, nullptr);

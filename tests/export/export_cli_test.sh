@@ -76,4 +76,21 @@ check oem 0 rr --root "$b" export "${span[@]}" --ch 0 --format oem "$o"
 [ "$(ls "$o" | wc -l)" = 2 ] || bad "oem: $(ls "$o")"
 check oem-flags 2 rr --root "$b" export "${span[@]}" --ch 0 --format oem --single-pass "$o"
 
+# A USB stick that fills: the file-size limit (64 KiB, with the signal that would kill the
+# tool ignored, so writes fail with EFBIG) stands in for a full disk. Every way stops
+# with status 1, says so, removes the unfinished file and posts no completion.
+full() {  # full NAME ARGS...: the export under the limit
+  local name=$1; shift
+  rm -rf "$o" && mkdir -p "$o"
+  (trap '' XFSZ; ulimit -f 64; exec $emu "$rr_bin" --root "$b" export "${span[@]}" "$@" "$o") \
+    >"$dir/out" 2>"$dir/err"
+  equal "$name-status" "$?" 1
+  has "$name" err "failed (is the disk full?); the unfinished file was removed"
+  lacks "$name" err "export: 100%"
+  equal "$name-left" "$(ls -A "$o")" ""
+}
+full full-two-phase --ch 1
+full full-single --ch 1 --single-pass
+full full-oem --ch 1 --format oem
+
 finish
