@@ -133,9 +133,10 @@ class fs_recover {
   int reach_of(long long pos, int len, int t);
 
   // The frames inside a block checked: each frame head inside the data, a type below
-  // 23, its length inside the data, and the frames filling the data exactly. Returns
-  // the number of frames, -1 when they do not hold.
-  static int check_frames(const unsigned char* data, int size);
+  // 23, its length inside the data, the frames filling the data exactly, and the head's
+  // frame count, type bits and per-channel counts matching them. Returns the number of
+  // frames, -1 when they do not hold. data holds h.size bytes.
+  static int check_frames(const head_t& h, const unsigned char* data);
 
   // Whether the bytes at p (at least 288 available) begin a plausible head: sync,
   // magic and a size that fits the bounds. Returns the block's length, or 0.

@@ -113,8 +113,14 @@ int fs_recover::head_len(const unsigned char* p) {
   return h.size + BLOCK_OVERHEAD;
 }
 
-int fs_recover::check_frames(const unsigned char* data, int size) {
-  int off = 0, n = 0;
+int fs_recover::check_frames(const head_t& h, const unsigned char* data) {
+  // Beside each frame's own bounds, the head's summary of its frames must agree: the
+  // frame count (word 7), the type bits (word 8) and the per-channel counts.
+  int32_t counts[59];
+  memset(counts, 0, sizeof counts);
+  uint32_t types = 0;
+  int off = 0, size = h.size;
+  uint32_t n = 0;
   while (off < size) {
     // Lengths come from the disk: compared in 64 bits, so no sum wraps.
     if (size - off < FRAME_HEAD) return -1;
@@ -123,9 +129,14 @@ int fs_recover::check_frames(const unsigned char* data, int size) {
     if (f.type >= FRAME_INVALID) return -1;
     if (static_cast<long long>(f.len) > static_cast<long long>(size - off - FRAME_HEAD)) return -1;
     off += FRAME_HEAD + static_cast<int>(f.len);
+    types |= 1u << f.type;
+    if (f.ch < 59) counts[f.ch]++;
     n++;
   }
-  return n;
+  if (n != h.frames || types != h.types) return -1;
+  for (int ch = 0; ch < 59; ch++)
+    if (counts[ch] != h.count[ch]) return -1;
+  return static_cast<int>(n);
 }
 
 int fs_recover::push_span(const rc_span_t& s) {
@@ -223,7 +234,7 @@ int fs_recover::take(long long pos, const unsigned char* p, int len, int from, i
   head_t h;
   memcpy(&h, p, sizeof h);
   bool record = is_record(h);
-  if (!record && check_frames(p + BLOCK_HEAD, h.size) < 0) {
+  if (!record && check_frames(h, p + BLOCK_HEAD) < 0) {
     st.bad_frames++;
     return 0;
   }
@@ -323,8 +334,7 @@ int fs_recover::replay(const rc_chain_t& c, int from, int to, rc_visit_fn fn, vo
     head_t h;
     memcpy(&h, buf + at, sizeof h);
     bool record = is_record(h);
-    if ((record || check_frames(buf + at + BLOCK_HEAD, h.size) >= 0) && h.time >= from &&
-        h.time <= to) {
+    if ((record || check_frames(h, buf + at + BLOCK_HEAD) >= 0) && h.time >= from && h.time <= to) {
       long long pos = w.base + at;
       rc_block_t b = {pos, buf + at, len, reach_of(pos, len, h.time), record ? 0 : 1};
       if (fn(ctx, b) != 0) return 1;
