@@ -561,7 +561,7 @@ int run_recover(const std::vector<std::string>& in) {
     d.r.reset(new fs_recover());
     if (d.r->open(path.c_str()) != 0) {
       tool::err(
-          "%s: cannot be read, or is shorter than a volume's fixed layout (20 MiB); "
+          "%s: cannot be read, or is shorter than a volume's fixed layout (16 MiB); "
           "check the path, or copy the disk to an image first",
           name.c_str());
       rc = 1;
