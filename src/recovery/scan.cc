@@ -347,6 +347,6 @@ int fs_recover::replay(const rc_chain_t& c, int from, int to, rc_visit_fn fn, vo
 int fs_recover::chain_order(int* order) {
   for (int i = 0; i < chain_cnt; i++) order[i] = i;
   g_sort_chains = chains;
-  qsort(order, static_cast<size_t>(chain_cnt), sizeof *order, cmp_chain);
+  if (chain_cnt > 1) qsort(order, static_cast<size_t>(chain_cnt), sizeof *order, cmp_chain);
   return chain_cnt;
 }
