@@ -475,6 +475,9 @@ int run_rebuild(std::vector<disk>& disks, const std::string& out, long long size
     walk_blocks(disks, from, to, rebuilder::visit, &rb);
     app->flush();
     fs_sys = keep;
+    // Written as a write-once volume, so that a full image refuses blocks instead of
+    // recycling the first hours; handed over recyclable, as a recorder formats its disks.
+    if (!rb.failed && row.db->s_flag(0) != 0) rb.failed = 1;
     if (rb.failed)
       rc = fail("writing the rebuilt volume failed after " + std::to_string(rb.blocks) +
                 " blocks (is the disk full, or --size too small?); nothing was kept");
