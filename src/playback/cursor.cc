@@ -7,7 +7,7 @@
 
 #include <vector>
 
-#include "playback/walk.h"
+#include "playback/table_walk.h"
 #include "runtime/runtime.h"
 
 using namespace pb;
