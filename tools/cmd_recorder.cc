@@ -29,6 +29,7 @@
 #include <string>
 #include <vector>
 
+#include "cli.h"
 #include "command.h"
 #include "sim/capture.h"
 #include "time_arg.h"
@@ -56,7 +57,7 @@ int open_disks(fs_app& app, const char* mode) {
 
 int run_disks(const std::vector<std::string>& in) {
   std::vector<std::string> args = in;
-  bool json = take_flag(args, "--json");
+  bool as_json = take_flag(args, "--json");
   if (!args.empty()) return usage_error("disks", "unexpected argument '" + args[0] + "'");
   fs_app* app = new fs_app();
   int rc = open_disks(*app, "r");
@@ -73,23 +74,21 @@ int run_disks(const std::vector<std::string>& in) {
   }
   app->db_close();
   delete app;
-  if (json) {
-    printf("[");
-    for (size_t i = 0; i < rows.size(); i++) {
-      const disk_row& r = rows[i];
-      printf(
-          "%s\n  {\"device\": \"%s\", \"model\": \"%s\", \"state\": \"%s\", \"mode\": \"%s\", "
-          "\"total\": %lld, \"free\": %lld, \"error\": %d}",
-          i ? "," : "", r.dev, r.model, r.state, r.mode, r.total, r.avail, r.err);
+  if (as_json) {
+    tool::json j;
+    j.arr();
+    for (const disk_row& r : rows) {
+      j.obj().str("device", r.dev).str("model", r.model).str("state", r.state);
+      j.str("mode", r.mode).num("total", r.total).num("free", r.avail).num("error", r.err).end();
     }
-    printf("\n]\n");
+    j.end().print();
     return 0;
   }
   printf("%-4s %-10s %-24s %-7s %-7s %10s %10s %s\n", "#", "DEVICE", "MODEL", "STATE", "MODE",
-         "TOTAL", "FREE", "ERROR");
+         "TOTAL MiB", "FREE MiB", "ERROR");
   for (size_t i = 0; i < rows.size(); i++) {
     const disk_row& r = rows[i];
-    printf("%-4zu %-10s %-24s %-7s %-7s %9lldM %9lldM %d\n", i, r.dev, r.model, r.state, r.mode,
+    printf("%-4zu %-10s %-24s %-7s %-7s %10lld %10lld %d\n", i, r.dev, r.model, r.state, r.mode,
            r.total >> 20, r.avail >> 20, r.err);
   }
   return 0;
