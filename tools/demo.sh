@@ -30,7 +30,7 @@ set -x
 "$rr" sim create "$board" --disks 2 --size 2G --usb sdc
 "$rr" --root "$board" format sda
 "$rr" --root "$board" format sdb
-printf '20 motion 0\n70 vloss 0x2\n130 sensor 0x1\n' >"$board/events"
+printf '20 motion 0 0xFFFFFFFF\n70 vloss 0x2\n130 sensor 0x1\n' >"$board/events"
 "$rr" --root "$board" record --channels 4 --from "2026-11-22 10:00:00" --minutes 3 \
   --main-kbps 2000 --events "$board/events"
 "$rr" --root "$board" disks
