@@ -18,6 +18,9 @@
 
 class fs_mp4;
 
+// The disk table's rows: db_open keeps at most this many volumes.
+const int DB_DISKS_MAX = 16;
+
 // One row of the disk table.
 struct db_info_t {
   fs_db* db;          // the volume, owned by the service; null when the row is unused
@@ -94,14 +97,14 @@ static_assert(offsetof(r_cursor_t, head) == offsetof(r_cursor_t, tail) + 8,
 
 // Key-frame state of one stream for playback: 0 the substream (LQ), 1 the main stream.
 struct r_iframe_t {
-  int32_t kind;         // 9/10 index of bare offsets, 13/14 of frame_info_t; else none
-  long long* offs;      // bare offsets (kinds 9, 10)
+  int32_t kind;         // IFRAME_ kind of the loaded index; any other value: none
+  long long* offs;      // bare offsets (kinds IFRAME_OFFS_)
   int32_t offs_cap;     // entries allocated
-  frame_info_t* infos;  // records (kinds 13, 14)
+  frame_info_t* infos;  // records (kinds IFRAME_INFOS_)
   int32_t infos_cap;    // entries allocated
   int32_t pos;          // current entry
   int32_t count;        // entries loaded
-  int32_t time;         // time of the entry last reached (kinds 13, 14)
+  int32_t time;         // time of the entry last reached (kinds IFRAME_INFOS_)
 };
 
 class fs_app {
@@ -126,7 +129,7 @@ class fs_app {
   char partitions[2048];  // last text of /proc/partitions seen by db_check
   char disk_list[2048];   // "sda,sdb": internal disks last seen by db_check
   int db_cnt;
-  db_info_t db_info[16];
+  db_info_t db_info[DB_DISKS_MAX];
 
   // Read without db_mutex by g_db_update and iswriting (and write's early test), so
   // these are relaxed atomics: a stale value only delays a display refresh or one
@@ -163,7 +166,7 @@ class fs_app {
   // ---- reader state (IRF files on USB) ---------------------------------------------------
   FILE* usb_f;
   irf_frame_rec_t usb_rec;  // the frame record read last
-  unsigned char usb_data[102400];
+  unsigned char usb_data[IRF_DATA_MAX];
 
   fs_app();
   ~fs_app();
@@ -263,18 +266,17 @@ class fs_app {
   // MP4 export.
   int bk_phase_one(char const* dir, int beg, int end, int chbits, char* plan);
   int bk_phase_one_substream(char const* dir, int beg, int end, int chbits, char* plan);
-  int bk_phase_two(FILE* out, char const* name, int ch, int size, int item, int entry,
-                   int offset);
+  int bk_phase_two(FILE* out, char const* name, int ch, int size, int item, int entry, int offset);
   int bk_phase_two_substream(FILE* out, char const* name, int ch, int size, int item, int entry,
                              int offset);
   int bk_phase_oneWithTARVO(char const* dir, int beg, int end, int chbits, m4vbackupInfo* info);
   int bk_phase_twoWithTARVO(FILE* out, m4vbackupInfo* info);
-  int write_to_m4vbackupInfo(m4vbackupInfo* info, char const* name, int size, int item,
-                             int entry, int offset, int time, int n);
+  int write_to_m4vbackupInfo(m4vbackupInfo* info, char const* name, int size, int item, int entry,
+                             int offset, int time, int n);
   int bk_write(FILE* out, int item, int ch, int& time, unsigned& width, unsigned& height,
                unsigned& fps);
-  int bk_multi_m4v_write(FILE* out, int item, int ch, int& time, unsigned& width,
-                         unsigned& height, unsigned& fps, bool audio);
+  int bk_multi_m4v_write(FILE* out, int item, int ch, int& time, unsigned& width, unsigned& height,
+                         unsigned& fps, bool audio);
   int bk_multi_m4v_close(FILE* out, unsigned& pos, unsigned& size);
 
   // OEM frame format.

@@ -11,8 +11,6 @@
 
 namespace {
 
-const int kMaxDisks = 16;
-
 // USB-attached disks hang below one of these host controllers; they are never
 // recording disks.
 bool is_usb_disk(const char* name) {
@@ -173,7 +171,7 @@ int fs_app::db_open(const char* arg) {
     if (n < 1 || !is_disk_name(name)) continue;
     if (is_usb_disk(name)) continue;
     // The table has 16 rows; a further internal disk is not recorded to.
-    if (db_cnt >= kMaxDisks) continue;
+    if (db_cnt >= DB_DISKS_MAX) continue;
     int i = db_cnt;
     db_info_t& row = db_info[i];
     memset(&row, 0, sizeof row);
@@ -240,7 +238,7 @@ int fs_app::db_check() {
 
 int fs_app::db_close() {
   pthread_mutex_lock(&db_mutex);
-  for (int i = 0; i < kMaxDisks; i++) {
+  for (int i = 0; i < DB_DISKS_MAX; i++) {
     if (db_info[i].db == nullptr) continue;
     db_info[i].db->close();
     delete db_info[i].db;

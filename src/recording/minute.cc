@@ -4,6 +4,8 @@
 // min_e always belong to cur_db; every function here takes that volume as `db` only
 // because the public signatures do, and asserts that it is the one.
 #include <assert.h>
+#include <ringrec/app_interface.h>
+#include <ringrec/entry_names.h>
 #include <ringrec/fs_app.h>
 #include <stdlib.h>
 #include <string.h>
@@ -40,15 +42,8 @@ unsigned char* ensure(unsigned char*& buf, size_t n) {
 int fs_app::open_minute(fs_db* db, int time) {
   assert(db == cur_db);
   char hour[32], minute[32];
-  int day = time / 86400;
-  int hod = (time / 3600) % 24;
-  int moh = (time / 60) % 60;
-  int som = time % 60;
-  if (fs_access("/tmp/hdd", F_OK) == 0)
-    snprintf(hour, sizeof hour, "HOUR_%d:%.2d:%.2d", day, hod, moh);
-  else
-    snprintf(hour, sizeof hour, "HOUR_%d:%.2d", day, hod);
-  snprintf(minute, sizeof minute, "MIN_%.2d:%.2d", moh, som);
+  entry_hour_name(hour, time, fs_access(HDD_PER_MINUTE_MARKER, F_OK) == 0);
+  entry_min_name(minute, time, 0);
 
   if (db->f_query() < 0) return DB_WRITE_REFUSED;
   // An entry that cannot be opened after its creation is not used: flushing an
@@ -66,7 +61,7 @@ int fs_app::open_minute(fs_db* db, int time) {
   int suffix = 0;
   while (db->f_create(1, 2, hour, minute) != 0) {
     if (++suffix > 30) return DB_WRITE_REFUSED;
-    snprintf(minute, sizeof minute, "MIN_%.2d:%.2d-%d", moh, som, suffix);
+    entry_min_name(minute, time, suffix);
     fs_log("db_write", 897, "ERR: %s\n", minute);
   }
   if (db->f_open(min_e, 2, hour, minute) != 0) {

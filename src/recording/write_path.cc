@@ -1,6 +1,7 @@
 // The frame write path: disk choice, hour and minute entries, the per-second,
 // per-minute, per-channel and event summaries, and the minute boundary.
 #include <assert.h>
+#include <ringrec/app_interface.h>
 #include <ringrec/fs_app.h>
 #include <string.h>
 #include <unistd.h>
@@ -150,7 +151,7 @@ int fs_app::write(int time, int len, const void* block) {
   // any state changes, as the caller's mistake rather than a disk failure.
   if (block == nullptr || len < static_cast<int>(sizeof(head_t)) || len > kMaxBlock) return -1;
 
-  if (fs_access("/zconf/rd/fs/test", R_OK) == 0) {
+  if (fs_access(TEST_MODE_MARKER, R_OK) == 0) {
     // Test mode: the time of day runs ten times faster, wrapping within the day.
     long long day = static_cast<long long>(time / 86400) * 86400;
     time = static_cast<int>(day + ((static_cast<long long>(time) - day) * 10) % 86400);
