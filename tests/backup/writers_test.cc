@@ -241,7 +241,7 @@ TEST_F(Writers, FrameWritersReturnWhatTheyWroteAndRefuseOtherTypes) {
   fclose(out);
   EXPECT_EQ(irf_record(v, 4096) + irf_record(a, 0), kit::read_file(out_path()));
 
-  // OEM: a frame of type 5 is refused with a line; literal offsets of a record.
+  // OEM: a frame of type 5 is refused with a line (the records: oem_file below).
   out = fopen(out_path().c_str(), "wb");
   memcpy(&f, odd.w, 44);
   kit::StderrCapture err;
@@ -250,17 +250,6 @@ TEST_F(Writers, FrameWritersReturnWhatTheyWroteAndRefuseOtherTypes) {
   memcpy(&f, v.w, 44);
   EXPECT_EQ(321 + 24, app->bk_kesto_write_frame(out, &f, v.data.data(), 0x01020304, 77));
   fclose(out);
-  std::string got = kit::read_file(out_path());
-  ASSERT_EQ(321u + 24, got.size());
-  EXPECT_EQ(std::string("\x68\x68\x00\x00", 4), got.substr(0, 4));
-  EXPECT_EQ(345u, kit::get<uint32_t>(out_path(), 4));
-  EXPECT_EQ(0, got[8]);
-  EXPECT_EQ(0x01020304u, kit::get<uint32_t>(out_path(), 9));
-  EXPECT_EQ(77u, kit::get<uint32_t>(out_path(), 13));
-  EXPECT_EQ(3, got[17]);
-  EXPECT_EQ(3, got[20]);  // another video frame
-  EXPECT_EQ(0, got[22]);
-  EXPECT_EQ(v.data, got.substr(24));
 }
 
 // The OEM file of one minute as the format lays it out.
