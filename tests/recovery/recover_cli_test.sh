@@ -44,7 +44,7 @@ fi
 check rebuild 0 rr --root "$b" recover sda --rebuild "$dir/new.img"
 has rebuild out "rebuilt $dir/new.img: 1800 blocks"
 rr ls "$dir/new.img" | grep MIN_ >"$dir/after"
-cmp -s "$dir/before" "$dir/after" || bad "rebuild lists: $(cat "$dir/after")"
+cmp -s "$dir/before" "$dir/after" || bad "rebuild lists: $(diff "$dir/before" "$dir/after")"
 check rebuilt-search 0 rr search "$dir/new.img" --from "2024-03-01 10:58" --to "2024-03-01 11:01"
 check rebuilt-export 0 rr export "$dir/new.img" --from "2024-03-01 10:58:00" \
   --to "2024-03-01 10:58:59" --ch 0 "$o"
