@@ -552,7 +552,6 @@ int run_recover(const std::vector<std::string>& in) {
       rc = 1;
       continue;
     }
-    std::string what = "scanning " + name;
     d.r->progress = on_progress;
     d.r->progress_ctx = const_cast<char*>("scanning");
     int n = d.r->scan(static_cast<int>(from), static_cast<int>(to), nullptr, nullptr);
