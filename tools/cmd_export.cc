@@ -347,9 +347,7 @@ int run_export(const std::vector<std::string>& in) {
   // What the range holds, read before the writers run: channels with nothing, minutes
   // recorded twice, and blocks the readers will stop at.
   tool::range_survey survey = tool::survey_range(vols, j.beg, j.end);
-  for (int ch : j.chans)
-    if (!(survey.channels >> ch & 1))
-      say(j, "warning: channel " + std::to_string(ch) + " holds nothing between --from and --to");
+  tool::warn_empty(survey, static_cast<uint32_t>(j.mask), "between --from and --to");
   for (const tool::twice_minute& t : survey.twice)
     say(j, "warning: " + tool::fmt_time(t.minute).substr(0, 16) + " was recorded twice on " +
                t.disk +

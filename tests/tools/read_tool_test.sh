@@ -92,6 +92,7 @@ equal keyframes-ch1 "$(sed 1d "$dir/out" | cut -c12-19 | tr '\n' ' ')" \
 # Channel 2 was not recorded: no key frame carries it.
 check keyframes-ch2 1 rr --root "$b" play --at "2024-05-01 10:59:58" --keyframes --ch 2
 has keyframes-ch2 err "no main-stream key frame with channels 2"
+has keyframes-ch2 err "channel 2 holds nothing after --at"
 # Steps of more than 10 s keep their pace across minutes.
 check keyframes-step 0 rr --root "$b" play --at "2024-05-01 10:58:30" --keyframes --step 10 --count 5
 equal keyframes-step "$(sed 1d "$dir/out" | cut -c12-19 | tr '\n' ' ')" "10:58:30 10:58:41 10:58:52 10:59:03 10:59:14 "
