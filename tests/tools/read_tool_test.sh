@@ -6,7 +6,7 @@
 . "$(dirname "$0")/cli_kit.sh" read_tool "$@"
 
 b=$dir/board
-rr sim create "$b" --disks 2 --size 96M >/dev/null && rr --root "$b" format sda >/dev/null &&
+rr sim create "$b" --disks 2 --size 128M >/dev/null && rr --root "$b" format sda >/dev/null &&
   rr --root "$b" format sdb >/dev/null || { echo "FAIL: no board"; exit 1; }
 cat >"$dir/events" <<'END'
 30 motion 1 0x0F    # 10:58:30, grid words 0..3 of channel 1
