@@ -6,7 +6,7 @@
 . "$(dirname "$0")/cli_kit.sh" read_tool "$@"
 
 b=$dir/board
-rr sim create "$b" --disks 2 --size 128M >/dev/null && rr --root "$b" format sda >/dev/null &&
+rr sim create "$b" --disks 2 --size 160M >/dev/null && rr --root "$b" format sda >/dev/null &&
   rr --root "$b" format sdb >/dev/null || { echo "FAIL: no board"; exit 1; }
 cat >"$dir/events" <<'END'
 30 motion 1 0x0F    # 10:58:30, grid words 0..3 of channel 1
@@ -15,7 +15,7 @@ cat >"$dir/events" <<'END'
 180 motion 0 0x1    # 11:01:00: the last minute's first second, kept though nothing follows
 END
 check record 0 rr --root "$b" record --channels 2 --from "2024-05-01 10:58" --minutes 4 \
-  --main-kbps 1000 --sub-kbps 100 --no-audio --events "$dir/events"
+  --main-kbps 3000 --sub-kbps 100 --no-audio --events "$dir/events"
 # The simulator's own count of the blocks it handed to the library.
 blocks=$(sed -n 's/.*: \([0-9]*\) blocks.*/\1/p' "$dir/out")
 [ -n "$blocks" ] || { echo "FAIL: no block count"; cat "$dir/out"; exit 1; }
