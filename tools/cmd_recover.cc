@@ -456,14 +456,7 @@ int run_rebuild(std::vector<disk>& disks, const std::string& out, long long size
     fs_sys.time = rebuild_time;
     fs_sys.clock_gettime = rebuild_clock;
     walk_blocks(disks, from, to, rebuilder::visit, &rb);
-    // The last minute's records and key-frame index, written back as a recorder that
-    // stops writes them.
-    if (!rb.failed && app->cur_db != nullptr && app->min_e.name[0] != 0) {
-      app->writeback_motion_info(app->cur_db);
-      app->writeback_log_info(app->cur_db);
-      if (app->writeback_Iframe_info(app->cur_db) != 0) rb.failed = 1;
-    }
-    app->flush();
+    tool::finish_recording(*app);
     fs_sys = keep;
     // Written as a write-once volume, so that a full image refuses blocks instead of
     // recycling the first hours; handed over recyclable, as a recorder formats its disks.
