@@ -17,6 +17,18 @@
 #include <vector>
 
 class fs_mp4;
+struct fs_read_window;
+
+// Holder of a read window (one stretch of a minute's stored blocks kept in memory so
+// that each block costs one read); made on first use and freed with the object.
+struct fs_read_window_slot {
+  fs_read_window* w = nullptr;
+  fs_read_window_slot() = default;
+  ~fs_read_window_slot();
+  fs_read_window_slot(const fs_read_window_slot&) = delete;
+  fs_read_window_slot& operator=(const fs_read_window_slot&) = delete;
+  void drop();  // forget what is held: the next block is read from the disk again
+};
 
 // One row of the disk table.
 struct db_info_t {
@@ -290,6 +302,13 @@ class fs_app {
   long usb_irf_position();
   void usb_close_irf();
   bool usb_isOpenFile();
+
+  // ---- additions beside the calls above (not part of the recorder's interface) -------
+  // Read windows of the backup readers and of the playback cursor: each stored block is
+  // read from the disk once, head, data and tail together, and served only after its
+  // tail agrees with its head; what the calls above return is unchanged.
+  fs_read_window_slot bk_window;
+  fs_read_window_slot r_window;
 
   // Internal helpers of the recording room.
   void clear_writer(bool keep_err);

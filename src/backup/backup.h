@@ -31,8 +31,8 @@ void bk_free_items(bk_item_t*& items, int32_t& cap, int32_t num);
 // walk rather than reading beyond the buffer. The head is copied out because frames
 // lie at any byte offset.
 template <typename Fn>
-void bk_frames(const head_t& h, const q_t* q, Fn fn) {
-  const unsigned char* p = q->buf;
+void bk_frames(const head_t& h, const unsigned char* data, Fn fn) {
+  const unsigned char* p = data;
   long long left = h.size;
   for (uint32_t i = 0; i < h.frames; i++) {
     if (left < static_cast<long long>(sizeof(frame_head_t))) return;
@@ -45,6 +45,19 @@ void bk_frames(const head_t& h, const q_t* q, Fn fn) {
     left -= f.len;
   }
 }
+
+template <typename Fn>
+void bk_frames(const head_t& h, const q_t* q, Fn fn) {
+  bk_frames(h, q->buf, fn);
+}
+
+// bk_read and bk_multi_read (fn names the caller in messages; [beg, end] are the bounds
+// it stops at), with the block's data left where it was read: *data points at it, inside
+// the backup read window or, when the block had to be read as before, inside q->buf. With
+// data null the bytes are copied into q->buf, as the public calls give them. Results,
+// messages, q's growth and the offset's advance are those of bk_read.
+int bk_read_block(fs_app& app, const char* fn, int beg, int end, int ch, fs_db* db, entry_t& e,
+                  int& off, head_t& h, q_t* q, const unsigned char** data);
 
 // Block time of a frame block as the writers stamp it: word 3 plus word 4, wrapping as
 // the 32-bit words do.
