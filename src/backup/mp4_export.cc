@@ -16,6 +16,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <vector>
+
 #include "backup/backup.h"
 #include "backup/block_reader.h"
 #include "playback/walk.h"
@@ -78,9 +80,12 @@ bool in_plan(const char* plan, const char* name) {
 }
 
 // Phase one for the three plan kinds: scans without writing, ends files where a new
-// file must begin, and records each file as a plan line (or a TARVO row).
+// file must begin, and records each file as a plan line (or a TARVO row). The item's
+// channels are scanned one after the other, or, `together`, all in one walk of the hour
+// that reads each stored block once; the plan is the same either way, since the files a
+// channel's walk closes are then written out in channel order at the end of the hour.
 int plan_export(fs_app& app, const char* fn, plan_kind kind, int beg, int end, int chbits,
-                char* plan, m4vbackupInfo* info) {
+                char* plan, m4vbackupInfo* info, bool together = false) {
   if (plan != nullptr) plan[0] = 0;
   app.bk_set(beg, end, chbits);
   app.bk_sem(1, 0);
@@ -101,85 +106,123 @@ int plan_export(fs_app& app, const char* fn, plan_kind kind, int beg, int end, i
   // TARVO: the channel comes in the record, the mask only selects.
   if (kind == kPlanTarvo) info->n = 0;
 
-  for (int item = 0; item < app.bk_state.num && !full; item++) {
+  auto emit = [&](const plan_row& row, int ch) {
+    if (full) return;
+    if (kind == kPlanTarvo) {
+      if (info->n >= 5) {
+        // The record holds five pieces; what lies beyond them is not exported.
+        fs_log(fn, 3170, "ERR: more than 5 pieces, the rest is left out\n");
+        full = true;
+        return;
+      }
+      char name[128];
+      mp4_file_name(name, sizeof name, row.time, ch, static_cast<int>(row.width),
+                    static_cast<int>(row.height), static_cast<int>(row.fps), 0, false);
+      app.write_to_m4vbackupInfo(info, name, static_cast<int>(row.size), row.item, row.entry,
+                                 row.off, row.time, info->n + 1);
+      files++;
+      return;
+    }
+    char name[96];
+    for (int attempt = 0; attempt <= 999; attempt++) {
+      mp4_file_name(name, sizeof name, row.time, ch, static_cast<int>(row.width),
+                    static_cast<int>(row.height), static_cast<int>(row.fps), attempt, avi);
+      if (!in_plan(plan, name)) break;
+    }
+    // The plan buffer is the caller's, of no stated size: one line of at most
+    // about 110 bytes per planned file.
+    fs_log(fn, 3185, "%s - %d\n", plan, plan_len);
+    plan_len += sprintf(plan + plan_len, "%s %d %d %d %d %d %d\n", name, ch,
+                        static_cast<int>(row.size), row.item, row.entry, row.off, row.time);
+    files++;
+  };
+
+  // One channel's file being planned, and (together) the files it closed in this hour.
+  struct chan {
+    int ch;
+    plan_row row;
+    std::vector<plan_row> closed;
+  };
+
+  for (int item = 0; item < app.bk_state.num && !full && !cancelled; item++) {
     bk_item_t& it = app.bk_state.items[item];
-    for (int ch = 0; ch < 32 && !full; ch++) {
-      if (kind == kPlanTarvo ? ch != info->ch : (chbits & (1 << ch)) == 0) continue;
-      bk_reader r(&app, &it, ch, kind != kPlanMain, fn);
-      plan_row row;
-      auto close_row = [&]() {
-        if (!row.open) return;
-        row.open = false;
-        app.bk_state.total += static_cast<int>(row.size >> 22);
-        if (kind == kPlanTarvo) {
-          if (info->n >= 5) {
-            // The record holds five pieces; what lies beyond them is not exported.
-            fs_log(fn, 3170, "ERR: more than 5 pieces, the rest is left out\n");
-            full = true;
-            return;
-          }
-          char name[128];
-          mp4_file_name(name, sizeof name, row.time, ch, static_cast<int>(row.width),
-                        static_cast<int>(row.height), static_cast<int>(row.fps), 0, false);
-          app.write_to_m4vbackupInfo(info, name, static_cast<int>(row.size), row.item, row.entry,
-                                     row.off, row.time, info->n + 1);
-          files++;
-          return;
-        }
-        char name[96];
-        for (int attempt = 0; attempt <= 999; attempt++) {
-          mp4_file_name(name, sizeof name, row.time, ch, static_cast<int>(row.width),
-                        static_cast<int>(row.height), static_cast<int>(row.fps), attempt, avi);
-          if (!in_plan(plan, name)) break;
-        }
-        // The plan buffer is the caller's, of no stated size: one line of at most
-        // about 110 bytes per planned file.
-        fs_log(fn, 3185, "%s - %d\n", plan, plan_len);
-        plan_len += sprintf(plan + plan_len, "%s %d %d %d %d %d %d\n", name, ch,
-                            static_cast<int>(row.size), row.item, row.entry, row.off, row.time);
-        files++;
-      };
+    std::vector<chan> chans;
+    for (int ch = 0; ch < 32; ch++)
+      if (kind == kPlanTarvo ? ch == info->ch : (chbits & (1 << ch)) != 0) chans.push_back({ch, {}, {}});
+    auto close_row = [&](chan& c) {
+      if (!c.row.open) return;
+      c.row.open = false;
+      app.bk_state.total += static_cast<int>(c.row.size >> 22);
+      if (together)
+        c.closed.push_back(c.row);
+      else
+        emit(c.row, c.ch);
+    };
+    // Scans the frames of one channel.
+    auto scan = [&](chan& c, const bk_frame& fr, const bk_reader& r) {
+      uint32_t type = fr.f.type;
+      bool key = frame_is_key(type);
+      plan_row& row = c.row;
+      if (!row.open && !key) return kGoOn;
+      if (key && row.open) {
+        bool ends = row.size >= bk_mp4_limit;
+        if (!ends && kind != kPlanSub && !marker)
+          ends = fr.f.width != row.width || fr.f.height != row.height || fr.f.fps != row.fps;
+        if (ends) close_row(c);
+        if (full) return kStop;
+      }
+      if (!row.open) {
+        row.open = true;
+        row.time = fr.block_time;
+        row.width = fr.f.width;
+        row.height = fr.f.height;
+        row.fps = fr.f.fps;
+        row.size = 0;
+        row.item = item;
+        row.entry = r.j;
+        row.off = r.off;
+      }
+      int n = sizer.scan(static_cast<int>(type), fr.data, fr.len);
+      if (n > 0) row.size += n;
+      return kGoOn;
+    };
+    // The walks: one per channel, or one for all, each block dealt to the channels it
+    // counts (a block that does not count a channel is passed over for it, as bk_read
+    // with that channel passes it over).
+    size_t walks = together ? (chans.empty() ? 0 : 1) : chans.size();
+    for (size_t w = 0; w < walks && !full && !cancelled; w++) {
+      bk_reader r(&app, &it, together ? -1 : chans[w].ch, kind != kPlanMain, fn);
+      int per_entry = together ? static_cast<int>(chans.size()) : 1;
       for (int k = it.e.idx; !full && r.load(k); k++) {
         if (!pb::is_min(r.e)) continue;
         // The cancel marker is tested before each minute entry, as the writers do: a
         // cancelled plan stops where it is and gets no further file, not even the one
         // being scanned.
         if (bk_cancelled()) {
-          cancelled = full = true;
+          cancelled = true;
           break;
         }
         bk_walk_entry(r, [&](const bk_frame& fr) {
-          uint32_t type = fr.f.type;
-          bool key = frame_is_key(type);
-          if (!row.open && !key) return kGoOn;
-          if (key && row.open) {
-            bool ends = row.size >= bk_mp4_limit;
-            if (!ends && kind != kPlanSub && !marker)
-              ends = fr.f.width != row.width || fr.f.height != row.height || fr.f.fps != row.fps;
-            if (ends) close_row();
-            if (full) return kStop;
+          if (!together) return scan(chans[w], fr, r);
+          for (chan& c : chans) {
+            if (static_cast<int>(fr.f.ch) != c.ch) continue;
+            if (c.ch >= 59 || r.h.count[c.ch] < 1) return kGoOn;
+            return scan(c, fr, r);
           }
-          if (!row.open) {
-            row.open = true;
-            row.time = fr.block_time;
-            row.width = fr.f.width;
-            row.height = fr.f.height;
-            row.fps = fr.f.fps;
-            row.size = 0;
-            row.item = item;
-            row.entry = r.j;
-            row.off = r.off;
-          }
-          int n = sizer.scan(static_cast<int>(type), fr.data, fr.len);
-          if (n > 0) row.size += n;
           return kGoOn;
         });
-        scan_done++;
+        scan_done += per_entry;
         int v = scan_total > 0 ? 1 + static_cast<int>(18LL * scan_done / scan_total) : 19;
         app.bk_sem(v > 19 ? 19 : v, 0);
       }
       // A file does not run on into the next hour: each item's rows end with it.
-      if (!cancelled) close_row();
+      if (!cancelled && !together) close_row(chans[w]);
+    }
+    if (together) {
+      for (chan& c : chans) {
+        if (!cancelled) close_row(c);
+        for (const plan_row& row : c.closed) emit(row, c.ch);
+      }
     }
   }
   if (!cancelled) app.bk_sem(20, 0);
@@ -271,7 +314,95 @@ int write_planned(fs_app& app, const char* fn, bool lq, FILE* out, int ch, int s
   return 0;
 }
 
+// Several planned files from one walk of their hour: each stored block is read once and
+// its frames dealt to every file whose channel the block counts and whose planned start
+// the walk has reached. A file ends when its budget is spent, as in write_planned.
+void write_planned_together(fs_app& app, const char* fn, bool lq, bk_plan_file_t* files,
+                            const std::vector<int>& idx, int item) {
+  bk_item_t& it = app.bk_state.items[item];
+  bk_reader r(&app, &it, -1, lq, fn);
+  std::vector<budget_writer*> w(idx.size(), nullptr);
+  int start = -1, start_off = 0, open = 0;
+  for (size_t i = 0; i < idx.size(); i++) {
+    bk_plan_file_t& f = files[idx[i]];
+    if (start < 0 || f.entry < start || (f.entry == start && f.offset < start_off)) {
+      start = f.entry;
+      start_off = f.offset;
+    }
+    w[i] = new budget_writer(app, fn, f.out, f.size);
+    open++;
+  }
+  bool go = r.load(start);
+  r.off = start_off;
+  for (int k = start; go && open > 0; k++) {
+    if (k != start) {
+      if (!r.load(k)) break;
+      if (!pb::is_min(r.e)) continue;
+    }
+    if (bk_cancelled()) break;
+    bk_walk_entry(r, [&](const bk_frame& fr) {
+      int c = static_cast<int>(fr.f.ch);
+      if (c >= 59 || r.h.count[c] < 1) return kGoOn;
+      for (size_t i = 0; i < idx.size(); i++) {
+        bk_plan_file_t& f = files[idx[i]];
+        if (f.ch != c || f.result != 0 || w[i] == nullptr) continue;
+        if (r.j < f.entry || (r.j == f.entry && r.off < f.offset)) continue;
+        if (w[i]->put(fr) == kStop) {
+          f.result = w[i]->result();
+          open--;
+        }
+      }
+      return open > 0 ? kGoOn : kStop;
+    });
+  }
+  for (budget_writer* b : w) delete b;
+}
+
 }  // namespace
+
+int fs_app::bk_phase_two_files(bk_plan_file_t* files, int n, bool substream) {
+  const char* fn = substream ? "bk_phase_two_substream" : "bk_phase_two";
+  if (files == nullptr || n < 1) return 0;
+  std::vector<bool> done(static_cast<size_t>(n), false);
+  for (int i = 0; i < n; i++) {
+    if (done[i]) continue;
+    // The files of this one's hour that can share its walk: a start entry that is a
+    // minute entry of the selection. Any other file is written as bk_phase_two writes it.
+    int item = files[i].item;
+    std::vector<int> idx;
+    for (int j = i; j < n; j++) {
+      bk_plan_file_t& f = files[j];
+      if (done[j] || f.item != item) continue;
+      done[j] = true;
+      f.result = 0;
+      bool shared = item >= 0 && item < bk_state.num && f.entry >= 0 &&
+                    f.entry < bk_state.items[item].x.num;
+      entry_t e;
+      if (shared) {
+        bk_item_t& it = bk_state.items[item];
+        shared = f.entry < pb::table_len(it.db, it.x, nullptr) &&
+                 it.db->e_read(it.x, f.entry, e) == 0 && pb::is_min(e);
+      }
+      if (shared)
+        idx.push_back(j);
+      else
+        f.result = write_planned(*this, fn, substream, f.out, f.ch, f.size, f.item, f.entry,
+                                 f.offset);
+    }
+    if (!idx.empty()) write_planned_together(*this, fn, substream, files, idx, item);
+  }
+  int written = 0;
+  for (int i = 0; i < n; i++)
+    if (files[i].result > 0) written++;
+  return written;
+}
+
+int fs_app::bk_phase_one_channels(char const* dir, int beg, int end, int chbits, char* plan,
+                                  bool substream) {
+  (void)dir;
+  return plan_export(*this, substream ? "bk_phase_one_substream" : "bk_phase_one",
+                     substream ? kPlanSub : kPlanMain, beg, end, chbits, plan, nullptr, true);
+}
 
 int fs_app::bk_phase_one(char const* dir, int beg, int end, int chbits, char* plan) {
   (void)dir;  // names in the plan are relative to the directory the caller writes into

@@ -9,6 +9,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <vector>
+
 #include "backup/backup.h"
 #include "backup/block_reader.h"
 #include "backup/mp4_export.h"
@@ -260,5 +262,163 @@ int fs_app::bk_close(FILE* out, int item, unsigned& a, unsigned& b) {
     delete it.mp4;
   }
   it.mp4 = nullptr;
+  return 0;
+}
+
+int fs_app::bk_set_mdat_size(FILE* out, unsigned data) {
+  unsigned v = data + 8;
+  unsigned char b[4] = {static_cast<unsigned char>(v >> 24), static_cast<unsigned char>(v >> 16),
+                        static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v)};
+  if (fseek(out, 24, SEEK_SET) != 0 || fwrite(b, 1, 4, out) != 4) return -1;
+  return 0;
+}
+
+namespace {
+
+// One channel of bk_write_channels: bk_write's state for it, kept across the hour.
+struct sp_chan {
+  int k, ch;
+  FILE* out;
+  fs_mp4* mp4 = nullptr;
+  file_state fs;
+  bool waiting = true;  // dropping frames until a key frame
+  bool stopped = false;
+};
+
+// bk_write's handling of one frame of the channel: 0 go on, 1 the file ends before this
+// frame, -1 a video-loss frame.
+int sp_put(sp_chan& c, const bk_frame& fr, bool marker, scratch& pcmbuf, int& time,
+           unsigned& width, unsigned& height, unsigned& fps) {
+  uint32_t type = fr.f.type;
+  bool key = frame_is_key(type);
+  if (c.mp4 == nullptr) {
+    if (!key || fr.f.width == 0 || fr.f.height == 0) return 0;
+    c.mp4 = new fs_mp4(codec_of(type));
+    c.mp4->set(static_cast<unsigned short>(fr.f.width), static_cast<unsigned short>(fr.f.height),
+               fr.f.fps, static_cast<unsigned>(fr.block_time));
+    c.mp4->w_box_mdat(c.out);
+    time = fr.block_time;
+    width = fr.f.width;
+    height = fr.f.height;
+    fps = fr.f.fps;
+    start_file(c.fs, fr.f);
+  } else if (single_pass_ends(c.mp4, c.fs, fr.f, marker, true)) {
+    return 1;
+  }
+  if (type == FRAME_AUDIO) {
+    if (c.waiting) return 0;
+    if (fr.f.fps == kAudioPcm) {
+      if (c.mp4->add(FRAME_AUDIO, fr.data, fr.len) > 0) c.mp4->w_data(FRAME_AUDIO, c.out, fr.data, fr.len);
+      return 0;
+    }
+    if (!adpcm_marker(fr.data, fr.len)) return 0;
+    int pl = convert_audio(pcmbuf, fr.data, fr.len);
+    if (pl > 0 && c.mp4->add(FRAME_AUDIO, pcmbuf.p, static_cast<unsigned>(pl)) > 0)
+      c.mp4->w_data(FRAME_AUDIO, c.out, pcmbuf.p, static_cast<unsigned>(pl));
+    return 0;
+  }
+  if (c.waiting && !key) return 0;
+  int n = c.mp4->add(static_cast<int>(type), fr.data, fr.len);
+  if (n == 0) {
+    fs_log("bk_write", 3490, "VLOSS video!\n");
+    return -1;
+  }
+  if (n < 0) {
+    c.waiting = true;
+    return 0;
+  }
+  c.waiting = false;
+  c.mp4->w_data(static_cast<int>(type), c.out, fr.data, fr.len);
+  return 0;
+}
+
+}  // namespace
+
+int fs_app::bk_write_channels(int item, int n, const int* chs, FILE** outs, int* times,
+                              unsigned* widths, unsigned* heights, unsigned* fpss, int* results,
+                              FILE* (*done)(void* ctx, int k, FILE* out, unsigned pos,
+                                            unsigned size, bool more),
+                              void* ctx) {
+  if (item < 0 || item >= bk_state.num || n < 1 || done == nullptr) return 0;
+  bk_item_t& it = bk_state.items[item];
+  bk_reader r(this, &it, -1, false, "bk_write");
+  std::vector<sp_chan> chans;
+  for (int k = 0; k < n; k++) {
+    sp_chan c;
+    c.k = k;
+    c.ch = chs[k];
+    c.out = outs[k];
+    c.stopped = c.out == nullptr;
+    chans.push_back(c);
+    times[k] = 0;
+    results[k] = 0;
+  }
+  bool marker = same_file_marker();
+  scratch pcmbuf;
+  // Finishes channel c's file as bk_close does and hands it to the caller.
+  auto finish = [&](sp_chan& c, bool more) {
+    unsigned pos = 0, size = 0;
+    if (c.mp4 != nullptr) {
+      c.mp4->w_box_moov(c.out);
+      c.mp4->g_box(pos, size);
+      delete c.mp4;
+      c.mp4 = nullptr;
+    }
+    FILE* next = done(ctx, c.k, c.out, pos, size, more);
+    c.out = more ? next : nullptr;
+    c.stopped = c.out == nullptr;
+    c.fs = file_state();
+    c.waiting = true;
+  };
+  // One frame for channel c; at a file end the new file starts over at the first frame
+  // of the same block, as bk_write's next call resumes there, up to this frame.
+  auto put = [&](sp_chan& c, const bk_frame& fr) {
+    int st = sp_put(c, fr, marker, pcmbuf, times[c.k], widths[c.k], heights[c.k], fpss[c.k]);
+    for (int again = 0; st == 1 && again < 4; again++) {
+      finish(c, true);
+      if (c.stopped) return;
+      st = 0;
+      const char* end_of_data = reinterpret_cast<const char*>(r.data) + r.h.size;
+      bk_frames(r.h, r.data, [&](frame_head_t& f, const char* data) {
+        int cc = -1;
+        if (bk_check(&f, cc) < 0) return false;
+        if (cc != c.ch) return true;
+        bk_frame g;
+        g.f = f;
+        g.data = data;
+        uint32_t room = static_cast<uint32_t>(end_of_data - data);
+        g.len = f.size < room ? f.size : room;
+        g.block_time = bk_block_time(r.h);
+        st = sp_put(c, g, marker, pcmbuf, times[c.k], widths[c.k], heights[c.k], fpss[c.k]);
+        return st == 0 && data != fr.data;
+      });
+    }
+    if (st == 1) c.stopped = true;  // a block that ends its own file again and again
+    if (st == -1) {
+      results[c.k] = -1;
+      c.stopped = true;
+    }
+  };
+  bk_state.done += n;
+  for (int k = it.e.idx; r.load(k); k++) {
+    if (!pb::is_min(r.e)) continue;
+    if (k == it.e.idx) r.off = static_cast<int>(it.off);
+    if (bk_cancelled()) break;
+    std::vector<sp_chan*> live;
+    for (sp_chan& c : chans)
+      if (!c.stopped && c.ch >= 0 && c.ch < 60 && rec_get_count(r.e, c.ch) != 0) live.push_back(&c);
+    if (!live.empty())
+      bk_walk_entry(r, [&](const bk_frame& fr) {
+        int c = static_cast<int>(fr.f.ch);
+        if (c >= 59 || r.h.count[c] < 1) return kGoOn;
+        for (sp_chan* p : live)
+          if (p->ch == c && !p->stopped) put(*p, fr);
+        return kGoOn;
+      });
+    bk_state.done += n;
+    bk_sem(bk_percent(bk_state.done, bk_state.total), 0);
+  }
+  for (sp_chan& c : chans)
+    if (c.out != nullptr) finish(c, false);
   return 0;
 }
