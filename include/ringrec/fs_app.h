@@ -283,18 +283,17 @@ class fs_app {
   // MP4 export.
   int bk_phase_one(char const* dir, int beg, int end, int chbits, char* plan);
   int bk_phase_one_substream(char const* dir, int beg, int end, int chbits, char* plan);
-  int bk_phase_two(FILE* out, char const* name, int ch, int size, int item, int entry,
-                   int offset);
+  int bk_phase_two(FILE* out, char const* name, int ch, int size, int item, int entry, int offset);
   int bk_phase_two_substream(FILE* out, char const* name, int ch, int size, int item, int entry,
                              int offset);
   int bk_phase_oneWithTARVO(char const* dir, int beg, int end, int chbits, m4vbackupInfo* info);
   int bk_phase_twoWithTARVO(FILE* out, m4vbackupInfo* info);
-  int write_to_m4vbackupInfo(m4vbackupInfo* info, char const* name, int size, int item,
-                             int entry, int offset, int time, int n);
+  int write_to_m4vbackupInfo(m4vbackupInfo* info, char const* name, int size, int item, int entry,
+                             int offset, int time, int n);
   int bk_write(FILE* out, int item, int ch, int& time, unsigned& width, unsigned& height,
                unsigned& fps);
-  int bk_multi_m4v_write(FILE* out, int item, int ch, int& time, unsigned& width,
-                         unsigned& height, unsigned& fps, bool audio);
+  int bk_multi_m4v_write(FILE* out, int item, int ch, int& time, unsigned& width, unsigned& height,
+                         unsigned& fps, bool audio);
   int bk_multi_m4v_close(FILE* out, unsigned& pos, unsigned& size);
 
   // OEM frame format.
@@ -339,8 +338,8 @@ class fs_app {
   // reported as bk_write reports them (read them in done); results[k] gets 0, or -1
   // when a video-loss frame stopped the channel. The item's resume state is not used.
   // Returns 0.
-  int bk_write_channels(int item, int n, const int* chs, FILE** outs, int* times,
-                        unsigned* widths, unsigned* heights, unsigned* fpss, int* results,
+  int bk_write_channels(int item, int n, const int* chs, FILE** outs, int* times, unsigned* widths,
+                        unsigned* heights, unsigned* fpss, int* results,
                         FILE* (*done)(void* ctx, int k, FILE* out, unsigned pos, unsigned size,
                                       bool more),
                         void* ctx);

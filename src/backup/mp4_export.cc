@@ -148,7 +148,8 @@ int plan_export(fs_app& app, const char* fn, plan_kind kind, int beg, int end, i
     bk_item_t& it = app.bk_state.items[item];
     std::vector<chan> chans;
     for (int ch = 0; ch < 32; ch++)
-      if (kind == kPlanTarvo ? ch == info->ch : (chbits & (1 << ch)) != 0) chans.push_back({ch, {}, {}});
+      if (kind == kPlanTarvo ? ch == info->ch : (chbits & (1 << ch)) != 0)
+        chans.push_back({ch, {}, {}});
     auto close_row = [&](chan& c) {
       if (!c.row.open) return;
       c.row.open = false;
@@ -375,8 +376,8 @@ int fs_app::bk_phase_two_files(bk_plan_file_t* files, int n, bool substream) {
       if (done[j] || f.item != item) continue;
       done[j] = true;
       f.result = 0;
-      bool shared = item >= 0 && item < bk_state.num && f.entry >= 0 &&
-                    f.entry < bk_state.items[item].x.num;
+      bool shared =
+          item >= 0 && item < bk_state.num && f.entry >= 0 && f.entry < bk_state.items[item].x.num;
       entry_t e;
       if (shared) {
         bk_item_t& it = bk_state.items[item];
@@ -386,8 +387,8 @@ int fs_app::bk_phase_two_files(bk_plan_file_t* files, int n, bool substream) {
       if (shared)
         idx.push_back(j);
       else
-        f.result = write_planned(*this, fn, substream, f.out, f.ch, f.size, f.item, f.entry,
-                                 f.offset);
+        f.result =
+            write_planned(*this, fn, substream, f.out, f.ch, f.size, f.item, f.entry, f.offset);
     }
     if (!idx.empty()) write_planned_together(*this, fn, substream, files, idx, item);
   }

@@ -287,8 +287,8 @@ struct sp_chan {
 
 // bk_write's handling of one frame of the channel: 0 go on, 1 the file ends before this
 // frame, -1 a video-loss frame.
-int sp_put(sp_chan& c, const bk_frame& fr, bool marker, scratch& pcmbuf, int& time,
-           unsigned& width, unsigned& height, unsigned& fps) {
+int sp_put(sp_chan& c, const bk_frame& fr, bool marker, scratch& pcmbuf, int& time, unsigned& width,
+           unsigned& height, unsigned& fps) {
   uint32_t type = fr.f.type;
   bool key = frame_is_key(type);
   if (c.mp4 == nullptr) {
@@ -308,7 +308,8 @@ int sp_put(sp_chan& c, const bk_frame& fr, bool marker, scratch& pcmbuf, int& ti
   if (type == FRAME_AUDIO) {
     if (c.waiting) return 0;
     if (fr.f.fps == kAudioPcm) {
-      if (c.mp4->add(FRAME_AUDIO, fr.data, fr.len) > 0) c.mp4->w_data(FRAME_AUDIO, c.out, fr.data, fr.len);
+      if (c.mp4->add(FRAME_AUDIO, fr.data, fr.len) > 0)
+        c.mp4->w_data(FRAME_AUDIO, c.out, fr.data, fr.len);
       return 0;
     }
     if (!adpcm_marker(fr.data, fr.len)) return 0;
