@@ -13,10 +13,8 @@
 // one IRF backup file per selected hour with every chosen channel; --format oem one
 // OEM-format file per minute.
 //
-// Progress: the tool creates the recorder's progress semaphore set, as the recorder's
-// application does, and reads it beside the export: a bar on a terminal, a line per
-// 10 % otherwise. Ctrl-C asks the library to stop through its cancel marker; finished
-// files stay valid and the tool names the file that was cut short.
+// Progress and Ctrl-C: export_progress.h. Finished files stay valid and the tool names
+// the file that was cut short.
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -36,13 +34,15 @@
 #include <string>
 #include <vector>
 
+#include "cli.h"
 #include "command.h"
+#include "export_progress.h"
 #include "quiet.h"
 #include "time_arg.h"
-#include "volume_set.h"
 
 namespace {
 
+using tool::cancelled;
 using tool::fail;
 using tool::take_flag;
 using tool::take_option;
@@ -51,102 +51,6 @@ using tool::usage_error;
 const char* const kUsage =
     "export [DISK...] --from TIME --to TIME --ch N[,M...] OUTDIR [--substream] [--audio] "
     "[--format mp4|irf|oem] [--single-pass]";
-
-// Logical paths below the board's root, as the library resolves them.
-std::string board_path(const char* logical) {
-  const char* root = getenv("RINGREC_ROOT");
-  return std::string(root ? root : "") + logical;
-}
-
-// ---- cancel: Ctrl-C creates the marker the writers test between minutes ------------
-
-std::string g_cancel_path;
-volatile sig_atomic_t g_cancelled = 0;
-
-void on_sigint(int) {
-  g_cancelled = 1;
-  int fd = open(g_cancel_path.c_str(), O_WRONLY | O_CREAT, 0644);
-  if (fd >= 0) close(fd);
-}
-
-// ---- progress: the semaphore set the library posts to ---------------------------------
-
-union semun_arg {
-  int val;
-  struct semid_ds* buf;
-  unsigned short* array;
-};
-
-struct progress_reader {
-  int id = -1;
-  bool created = false;
-  std::atomic<bool> stop{false};
-  pthread_t th;
-  bool running = false;
-  FILE* out = stderr;  // the terminal or log the tool speaks to
-  bool tty = false;
-  int shown = -1;
-
-  // Creates the set (two semaphores: percent, result) keyed as the library keys it.
-  bool open() {
-    std::string dot = board_path("/.");
-    key_t key = ftok(dot.c_str(), 66);
-    if (key == static_cast<key_t>(-1)) return false;
-    id = semget(key, 2, IPC_CREAT | IPC_EXCL | 0600);
-    if (id >= 0) {
-      created = true;
-    } else if (errno == EEXIST) {
-      id = semget(key, 2, 0);
-    }
-    if (id < 0) return false;
-    semun_arg a;
-    a.val = 0;
-    semctl(id, 0, SETVAL, a);
-    semctl(id, 1, SETVAL, a);
-    return true;
-  }
-  void show(int v) {
-    if (v < 0) v = 0;
-    if (v > 100) v = 100;
-    if (tty) {
-      if (v != shown) {
-        int fill = v * 40 / 100;
-        fprintf(out, "\rexport       [%.*s%*s] %3d%%", fill,
-                "########################################", 40 - fill, "", v);
-        fflush(out);
-      }
-    } else {
-      // Every 10 % step passed since the last look, even when several passed at once.
-      for (int k = shown < 0 ? 0 : shown / 10 + 1; k <= v / 10; k++)
-        fprintf(out, "export: %d%%\n", k * 10);
-      fflush(out);
-    }
-    shown = v;
-  }
-  void poll() {
-    if (id < 0) return;
-    show(semctl(id, 0, GETVAL));
-  }
-  static void* loop(void* p) {
-    progress_reader* r = static_cast<progress_reader*>(p);
-    while (!r->stop.load()) {
-      r->poll();
-      usleep(100000);
-    }
-    return nullptr;
-  }
-  void start() {
-    if (id >= 0 && pthread_create(&th, nullptr, loop, this) == 0) running = true;
-  }
-  void finish() {
-    stop.store(true);
-    if (running) pthread_join(th, nullptr);
-    running = false;
-    poll();
-    if (tty && shown >= 0) fprintf(out, "\n");
-    if (created) semctl(id, 0, IPC_RMID);
-  }
-};
 
 bool write_failed(FILE* f) {
   bool bad = fflush(f) != 0 || ferror(f) != 0;
@@ -197,13 +101,18 @@ struct job {
   bool sub, audio, single;
   std::string format;
   FILE* out;  // tool's own messages
+  tool::progress_reader* prog;
   int files = 0;
   std::string cut;  // the file cut short by a cancel
 };
 
 int say(job& j, const std::string& msg) {
-  fprintf(j.out, "ringrec: %s\n", msg.c_str());
+  j.prog->line(j.out, "ringrec: " + msg);
   return 1;
+}
+
+void wrote(job& j, const std::string& path, long long bytes) {
+  j.prog->line(stdout, "wrote " + path + " (" + std::to_string(bytes) + " bytes)");
 }
 
 // Output that could not be written whole (a full or failing USB stick): an MP4 file
@@ -211,8 +120,8 @@ int say(job& j, const std::string& msg) {
 // so it goes, and the run stops there.
 int write_error(job& j, const std::string& path) {
   remove(path.c_str());
-  return say(j, "writing into " + j.dir +
-                    " failed (is the disk full?); the unfinished file was removed");
+  return say(
+      j, "writing into " + j.dir + " failed (is the disk full?); the unfinished file was removed");
 }
 
 int two_phase(job& j) {
@@ -232,7 +141,7 @@ int two_phase(job& j) {
     if (sscanf(line.c_str(), "%127s %d %d %d %d %d %d", name, &ch, &size, &item, &entry, &off,
                &t) != 7)
       continue;
-    if (g_cancelled) break;
+    if (cancelled()) break;
     std::string path = j.dir + "/" + name;
     FILE* f = fopen(path.c_str(), "wb");
     if (!f) return say(j, "cannot create " + path + ": " + strerror(errno));
@@ -242,13 +151,13 @@ int two_phase(job& j) {
     if (r <= 0) {
       // A planned file is only valid whole: its mdat size was written first.
       remove(path.c_str());
-      if (g_cancelled) {
+      if (cancelled()) {
         j.cut = name;
         break;
       }
       return say(j, std::string(name) + ": the recording ended before the planned bytes");
     }
-    fprintf(stdout, "wrote %s (%d bytes)\n", path.c_str(), r);
+    wrote(j, path, r);
     j.files++;
   }
   return 0;
@@ -285,12 +194,12 @@ int single_pass(job& j) {
       std::string name = free_name(j.dir, t, ch, w, h, fps);
       std::string path = j.dir + "/" + name;
       if (rename(tmp.c_str(), path.c_str()) != 0) return say(j, "cannot name " + path);
-      fprintf(stdout, "wrote %s (%lld bytes)\n", path.c_str(), size_of(path));
+      wrote(j, path, size_of(path));
       j.files++;
-      if (g_cancelled) j.cut = name;
+      if (cancelled()) j.cut = name;
       return 0;
     };
-    for (int item = 0; item < items && !g_cancelled; item++) {
+    for (int item = 0; item < items && !cancelled(); item++) {
       cur = item;
       for (;;) {
         if (!f) {
@@ -303,7 +212,7 @@ int single_pass(job& j) {
           if (finish() != 0) return 1;
           continue;
         }
-        if (r < 0) fprintf(j.out, "ringrec: channel %d: video loss, the file ends there\n", ch);
+        if (r < 0) say(j, "channel " + std::to_string(ch) + ": video loss, the file ends there");
         break;
       }
       if (per_hour && f && finish() != 0) return 1;
@@ -317,9 +226,9 @@ int single_pass(job& j) {
       free(j.app->bk_multi_state.items);
       memset(&j.app->bk_multi_state, 0, sizeof j.app->bk_multi_state);
     }
-    if (g_cancelled) break;
+    if (cancelled()) break;
   }
-  if (j.files == 0 && !g_cancelled)
+  if (j.files == 0 && !cancelled())
     return say(j, "nothing recorded on those channels between --from and --to");
   return 0;
 }
@@ -337,7 +246,7 @@ std::string stamp(int time, const char* ext) {
 // The application prepares the IRF file header: "TOLVEX", a zero, version 0, the rest
 // zero to 4096 bytes. The tool makes one when the board has none, and removes it after.
 bool irf_header(std::string* made) {
-  std::string path = board_path("/tmp/header.irf");
+  std::string path = tool::board_path("/tmp/header.irf");
   if (access(path.c_str(), R_OK) == 0) return true;
   FILE* f = fopen(path.c_str(), "wb");
   if (!f) return false;
@@ -355,7 +264,7 @@ int irf_export(job& j) {
   if (!irf_header(&made)) return say(j, "cannot prepare the IRF header in /tmp");
   int items = j.app->bk_set(j.beg, j.end, j.mask);
   int rc = 0;
-  for (int item = 0; item < items && !g_cancelled; item++) {
+  for (int item = 0; item < items && !cancelled(); item++) {
     std::string name = stamp(std::max(j.beg, j.app->bk_state.items[item].e.time), "irf");
     std::string path = j.dir + "/" + name;
     FILE* f = fopen(path.c_str(), "wb");
@@ -373,12 +282,12 @@ int irf_export(job& j) {
       remove(path.c_str());
       continue;
     }
-    fprintf(stdout, "wrote %s (%lld bytes)\n", path.c_str(), size_of(path));
+    wrote(j, path, size_of(path));
     j.files++;
-    if (g_cancelled) j.cut = name;
+    if (cancelled()) j.cut = name;
   }
   if (!made.empty()) remove(made.c_str());
-  if (rc == 0 && j.files == 0 && !g_cancelled)
+  if (rc == 0 && j.files == 0 && !cancelled())
     return say(j, "nothing recorded on those channels between --from and --to");
   return rc;
 }
@@ -387,7 +296,7 @@ int irf_export(job& j) {
 int oem_export(job& j) {
   int items = j.app->bk_set(j.beg, j.end, j.mask);
   std::string tmp = j.dir + "/.export.part";
-  for (int item = 0; item < items && !g_cancelled; item++) {
+  for (int item = 0; item < items && !cancelled(); item++) {
     for (;;) {
       FILE* f = fopen(tmp.c_str(), "wb");
       if (!f) return say(j, "cannot create " + tmp + ": " + strerror(errno));
@@ -400,7 +309,7 @@ int oem_export(job& j) {
         std::string name = stamp(ftime, "oem");
         std::string path = j.dir + "/" + name;
         if (rename(tmp.c_str(), path.c_str()) != 0) return say(j, "cannot name " + path);
-        fprintf(stdout, "wrote %s (%lld bytes)\n", path.c_str(), size_of(path));
+        wrote(j, path, size_of(path));
         // A file holds one minute and the writer looks for the marker only between
         // minutes, so a cancel never cuts one short: none is named.
         j.files++;
@@ -408,7 +317,7 @@ int oem_export(job& j) {
       if (r != 1) break;
     }
   }
-  if (j.files == 0 && !g_cancelled)
+  if (j.files == 0 && !cancelled())
     return say(j, "nothing recorded on those channels between --from and --to");
   return 0;
 }
@@ -438,19 +347,10 @@ int run_export(const std::vector<std::string>& in) {
   if (e < b) return usage_error("export", "--to is before --from");
   j.beg = static_cast<int>(b);
   j.end = static_cast<int>(e);
-  j.mask = 0;
-  for (size_t p = 0; p <= chs.size();) {
-    size_t q = chs.find(',', p);
-    std::string one = chs.substr(p, q == std::string::npos ? std::string::npos : q - p);
-    char* end = nullptr;
-    long v = strtol(one.c_str(), &end, 10);
-    if (one.empty() || *end != 0 || v < 0 || v > 31)
-      return usage_error("export", "--ch: channel numbers 0 to 31, separated by commas");
-    if (!(j.mask & (1u << v))) j.chans.push_back(static_cast<int>(v));
-    j.mask |= 1u << v;
-    if (q == std::string::npos) break;
-    p = q + 1;
-  }
+  uint32_t mask = 0;
+  if (!tool::parse_channels(chs, &mask, &j.chans))
+    return usage_error("export", "bad --ch '" + chs + "': channels 0 to 31 like 0,2,5");
+  j.mask = static_cast<int>(mask);
   if (format != "mp4" && format != "irf" && format != "oem")
     return usage_error("export", "--format: mp4, irf or oem");
   // The single-pass writers classify frames as main-stream ones only.
@@ -466,8 +366,6 @@ int run_export(const std::vector<std::string>& in) {
   j.single = single;
   j.format = format;
 
-  g_cancel_path = board_path("/tmp/bk_cancel");
-  remove(g_cancel_path.c_str());  // a marker left over from an earlier run
   // The tool's own words go to the terminal's standard error, beside the library's
   // lines that the quiet scope keeps off it.
   FILE* tool_out = fdopen(dup(tool::err_fd()), "w");
@@ -477,36 +375,32 @@ int run_export(const std::vector<std::string>& in) {
   fs_app* app = vols.app;
   j.app = app;
   app->set(32);
-  if (vols.open(args) != 0) {
+  int rc = vols.open(args);
+  if (rc != 0) {
     if (tool_out) fclose(tool_out);
-    return 1;
+    return rc;
   }
   // The recorder stores sound as IMA ADPCM; MP4 export converts it to 16-bit PCM,
   // which the "sowt" sample entry describes.
   audtype = 2;
-  progress_reader prog;
-  prog.out = j.out;
-  prog.tty = isatty(tool::err_fd()) != 0;
+  tool::progress_reader prog(j.out, isatty(tool::err_fd()) != 0);
+  j.prog = &prog;
   if (!prog.open())
     fprintf(j.out, "ringrec: no progress semaphore (%s); exporting without progress\n",
             strerror(errno));
-  struct sigaction sa, old;
-  memset(&sa, 0, sizeof sa);
-  sa.sa_handler = on_sigint;
-  sigaction(SIGINT, &sa, &old);
+  tool::cancel_arm();
   prog.start();
-  int rc = format == "irf"   ? irf_export(j)
-           : format == "oem" ? oem_export(j)
-           : single          ? single_pass(j)
-                             : two_phase(j);
+  rc = format == "irf"   ? irf_export(j)
+       : format == "oem" ? oem_export(j)
+       : single          ? single_pass(j)
+                         : two_phase(j);
   // Completion (100 %, result 1) is posted only for a run that completed: a recorder's
   // interface reading the semaphore must not show a cancelled or failed backup as done.
-  if (rc == 0 && !g_cancelled) app->bk_over();
+  if (rc == 0 && !cancelled()) app->bk_over();
   prog.finish();
   app->bk_clr();
-  sigaction(SIGINT, &old, nullptr);
-  if (g_cancelled) {
-    remove(g_cancel_path.c_str());
+  tool::cancel_disarm();
+  if (cancelled()) {
     if (!j.cut.empty())
       fprintf(j.out, "ringrec: cancelled: %s was cut short%s; %d file(s) before it are whole\n",
               j.cut.c_str(), format == "mp4" && !single ? " and removed" : "",

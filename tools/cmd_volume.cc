@@ -2,6 +2,7 @@
 //
 //   ringrec ls DEV          every minute of every hour: name, first block, size, channels
 //   ringrec ls DEV --raw    the library's own listing (the last minute of each hour)
+#include <ringrec/ringrec.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -12,12 +13,10 @@
 #include <string>
 #include <vector>
 
-#include <ringrec/ringrec.h>
-
+#include "cli.h"
 #include "command.h"
 #include "sim/board.h"
 #include "time_arg.h"
-#include "volume_arg.h"
 
 namespace tool {
 
@@ -26,16 +25,6 @@ namespace {
 // Below this a device holds no data area: 8 MiB lie before the ring and at least
 // 4 MiB after it, and the ring itself is a whole number of 4 MiB units.
 const long long kMinDevice = 0x1000000;
-
-bool exists(const std::string& p) {
-  struct stat st;
-  return stat(p.c_str(), &st) == 0;
-}
-
-std::string board_root() {
-  const char* r = getenv("RINGREC_ROOT");
-  return r != nullptr ? std::string(r) : std::string();
-}
 
 std::string human(long long bytes) {
   const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB"};
@@ -62,18 +51,25 @@ std::string date(long long t) {
 
 const char* mode_word(unsigned flag) {
   switch (flag) {
-    case 0: return "OVWR";
-    case 1: return "WR";
-    case 2: return "RDONLY";
-    default: return "INVALID";
+    case 0:
+      return "OVWR";
+    case 1:
+      return "WR";
+    case 2:
+      return "RDONLY";
+    default:
+      return "INVALID";
   }
 }
 
 const char* err_word(int err) {
   switch (err) {
-    case 0: return "healthy";
-    case 1: return "repaired";
-    default: return "unusable";
+    case 0:
+      return "healthy";
+    case 1:
+      return "repaired";
+    default:
+      return "unusable";
   }
 }
 
@@ -91,8 +87,10 @@ void to_stdout(F fn) {
 }
 
 int no_volume(const std::string& dev) {
-  return fail(dev + " holds no readable volume (unformatted or damaged superblock); "
-                    "'ringrec format " + dev + "' creates one, erasing what is there");
+  return fail(dev +
+              " holds no readable volume (unformatted or damaged superblock); "
+              "'ringrec format " +
+              dev + "' creates one, erasing what is there");
 }
 
 int run_sim_create(const std::vector<std::string>& argv) {
@@ -179,14 +177,15 @@ int run_info(const std::vector<std::string>& argv) {
   db.close();
   long long sz = v.sb.size, head = v.sb.head, tail = v.sb.tail;
   if (json) {
-    printf("{\"device\":\"%s\",\"key\":%u,\"ctime\":%u,\"created\":\"%s\",\"flag\":%u,"
-           "\"mode\":\"%s\",\"data_size\":%lld,\"head\":%lld,\"tail\":%lld,"
-           "\"total\":%lld,\"free\":%lld,\"total_mb\":%lld,\"free_mb\":%lld,\"hours\":%d,"
-           "\"first\":%d,\"last\":%d,\"error\":%d,\"state\":\"%s\"}\n",
-           args[0].c_str(), v.sb.key, v.sb.ctime, date(v.sb.ctime).c_str(), v.sb.flag,
-           mode_word(v.sb.flag), static_cast<long long>(sz), static_cast<long long>(head),
-           static_cast<long long>(tail), v.total, v.free_, v.total >> 20, v.free_ >> 20,
-           v.entries, v.first, v.last, v.err, err_word(v.err));
+    printf(
+        "{\"device\":\"%s\",\"key\":%u,\"ctime\":%u,\"created\":\"%s\",\"flag\":%u,"
+        "\"mode\":\"%s\",\"data_size\":%lld,\"head\":%lld,\"tail\":%lld,"
+        "\"total\":%lld,\"free\":%lld,\"total_mb\":%lld,\"free_mb\":%lld,\"hours\":%d,"
+        "\"first\":%d,\"last\":%d,\"error\":%d,\"state\":\"%s\"}\n",
+        args[0].c_str(), v.sb.key, v.sb.ctime, date(v.sb.ctime).c_str(), v.sb.flag,
+        mode_word(v.sb.flag), static_cast<long long>(sz), static_cast<long long>(head),
+        static_cast<long long>(tail), v.total, v.free_, v.total >> 20, v.free_ >> 20, v.entries,
+        v.first, v.last, v.err, err_word(v.err));
     return 0;
   }
   printf("device:    %s\n", args[0].c_str());
@@ -227,8 +226,8 @@ int run_check(const std::vector<std::string>& argv) {
   db.close();
   if (r != 0) return fail(argv[0] + ": the check could not repair the volume; it is unusable");
   if (err == 1)
-    printf("%s: repaired: %d of %d hour entries kept, %d dropped\n", argv[0].c_str(), after,
-           before, before - after);
+    printf("%s: repaired: %d of %d hour entries kept, %d dropped\n", argv[0].c_str(), after, before,
+           before - after);
   else
     printf("%s: consistent, %d hour entries\n", argv[0].c_str(), after);
   return 0;
@@ -325,8 +324,8 @@ int run_ls(const std::vector<std::string>& argv) {
     printf("%-.32s  %s  events 0x%X\n", h.name, fmt_time(hr.time).c_str(), hr.events);
     for (const entry_t& m : minutes[i]) {
       if (strncmp(m.name, "MIN_", 4) != 0 || m.size <= 0) continue;
-      printf("  %-12.32s  %s  %11d bytes  channels %s\n", m.name, fmt_time(m.time).c_str(),
-             m.size, channels_in(m).c_str());
+      printf("  %-12.32s  %s  %11d bytes  channels %s\n", m.name, fmt_time(m.time).c_str(), m.size,
+             channels_in(m).c_str());
     }
   }
   db.close();
@@ -337,48 +336,13 @@ int run_ls(const std::vector<std::string>& argv) {
   return 0;
 }
 
-bool r1 = add_command({"sim create", "sim create DIR --disks N --size SIZE [--usb NAME]",
-                       run_sim_create});
+bool r1 = add_command(
+    {"sim create", "sim create DIR --disks N --size SIZE [--usb NAME]", run_sim_create});
 bool r2 = add_command({"format", "format DEV", run_format});
 bool r3 = add_command({"info", "info DEV [--json]", run_info});
 bool r4 = add_command({"check", "check DEV", run_check});
 bool r5 = add_command({"ls", "ls DEV [--raw]", run_ls});
 
 }  // namespace
-
-std::string resolve_dev(const std::string& dev) {
-  std::string root = board_root();
-  if (dev.find('/') == std::string::npos) {
-    if (root.empty()) {
-      if (exists(dev)) return "./" + dev;
-      fail("no such disk or image '" + dev + "'; give an image path, or a disk name with --root DIR");
-      return std::string();
-    }
-    std::string logical = "/dev/" + dev;
-    if (exists(root + logical)) return logical;
-    fail("no disk '" + dev + "' on the board " + root + " (see ringrec --root " + root + " disks)");
-    return std::string();
-  }
-  if (!root.empty() && dev[0] == '/' && exists(root + dev)) return dev;
-  if (!exists(dev)) {
-    fail("no such file or device: " + dev);
-    return std::string();
-  }
-  // A path outside the board: give the library a relative name, which its path
-  // resolver leaves alone, so the marker files still come from the board.
-  if (!root.empty() && dev[0] == '/') {
-    char cwd[4096];
-    if (getcwd(cwd, sizeof cwd) != nullptr) {
-      std::string rel;
-      std::string c = cwd;
-      int ups = 0;
-      for (size_t p = 0; p < c.size(); p++)
-        if (c[p] == '/' && p + 1 < c.size()) ups++;
-      for (int i = 0; i < ups; i++) rel += "../";
-      return rel + dev.substr(1);
-    }
-  }
-  return dev;
-}
 
 }  // namespace tool

@@ -8,7 +8,7 @@
 #include <stdint.h>
 
 #include "backup/backup.h"
-#include "playback/walk.h"
+#include "playback/table_walk.h"
 #include "runtime/runtime.h"
 
 // One frame as the frame loop hands it on.

@@ -5,7 +5,7 @@
 #include <string.h>
 
 #include "backup/backup.h"
-#include "playback/walk.h"
+#include "playback/table_walk.h"
 #include "runtime/runtime.h"
 
 bool bk_next_entry(fs_db* db, const entryX_t& x, entry_t& e) {

@@ -20,7 +20,7 @@
 
 #include "backup/backup.h"
 #include "backup/block_reader.h"
-#include "playback/walk.h"
+#include "playback/table_walk.h"
 #include "recording/payload.h"
 #include "runtime/runtime.h"
 

@@ -14,7 +14,7 @@
 #include "backup/backup.h"
 #include "backup/block_reader.h"
 #include "backup/mp4_export.h"
-#include "playback/walk.h"
+#include "playback/table_walk.h"
 #include "recording/payload.h"
 #include "runtime/runtime.h"
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "playback/read_window.h"
-#include "playback/walk.h"
+#include "playback/table_walk.h"
 #include "runtime/runtime.h"
 
 using namespace pb;

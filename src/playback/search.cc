@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "playback/walk.h"
+#include "playback/table_walk.h"
 #include "runtime/runtime.h"
 
 using namespace pb;

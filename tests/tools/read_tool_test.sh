@@ -45,11 +45,11 @@ search_is() {  # search_is NAME "EXPECTED LINES" ARGS...: the listed times, exac
   check "$name" 0 rr --root "$b" search "$@"
   equal "$name" "$(grep '^  ' "$dir/out" | tr -d ' ' | tr '\n' ' ')" "$want"
 }
-search_is motion-ch1 "2024-05-0110:58 " --event motion --ch 0x2
-search_is motion-ch0 "" --event motion --ch 0x1
+search_is motion-ch1 "2024-05-0110:58 " --event motion --ch 1
+search_is motion-ch0 "" --event motion --ch 0
 search_is vloss "2024-05-0110:59 " --event vloss
-search_is sensor "2024-05-0111:00 " --event sensor --ch 2
-search_is sensor-ch0 "" --event sensor --ch 1
+search_is sensor "2024-05-0111:00 " --event sensor --ch 1
+search_is sensor-ch0 "" --event sensor --ch 0
 search_is motion-record "2024-05-0110:58 " --motion 1
 search_is motion-other-channel "" --motion 0
 # The grid holds 6 snapshots of 10 seconds: the one of second 30 matches.
@@ -84,11 +84,11 @@ head -n $((blocks - 9)) "$dir/forward" | tac | cmp -s - "$dir/reverse" || bad "r
 check keyframes 0 rr --root "$b" play --at "2024-05-01 10:59:58" --keyframes --count 6
 equal keyframes "$(sed 1d "$dir/out" | cut -c12-19,22-29 | tr '\n' ' ')" \
   "10:59:58main key 10:59:59main key 11:00:00main key 11:00:01main key 11:00:02main key 11:00:03main key "
-check keyframes-ch1 0 rr --root "$b" play --at "2024-05-01 10:59:58" --keyframes --ch 0x2 --count 6
+check keyframes-ch1 0 rr --root "$b" play --at "2024-05-01 10:59:58" --keyframes --ch 1 --count 6
 equal keyframes-ch1 "$(sed 1d "$dir/out" | cut -c12-19 | tr '\n' ' ')" \
   "10:59:58 10:59:59 11:00:00 11:00:01 11:00:02 11:00:03 "
 # Channel 2 was not recorded: no key frame carries it.
-check keyframes-ch2 1 rr --root "$b" play --at "2024-05-01 10:59:58" --keyframes --ch 0x4
+check keyframes-ch2 1 rr --root "$b" play --at "2024-05-01 10:59:58" --keyframes --ch 2
 has keyframes-ch2 err "no main-stream key frame with channels 2"
 check keyframes-back 0 rr --root "$b" play --at "2024-05-01 11:00:01" --keyframes --reverse --count 3
 equal keyframes-back "$(sed 1d "$dir/out" | cut -c12-19 | tr '\n' ' ')" "11:00:01 11:00:00 10:59:59 "

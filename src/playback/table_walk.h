@@ -1,8 +1,8 @@
 // What search and playback share: reading a whole table, name tests, the hour and
 // minute records an entry carries from its time field on, and the result lists.
 // Internal to the library.
-#ifndef RINGREC_PLAYBACK_WALK_H
-#define RINGREC_PLAYBACK_WALK_H
+#ifndef RINGREC_PLAYBACK_TABLE_WALK_H
+#define RINGREC_PLAYBACK_TABLE_WALK_H
 
 #include <ringrec/fs_app.h>
 #include <string.h>
