@@ -79,16 +79,6 @@ std::string free_name(const std::string& dir, int time, int ch, unsigned w, unsi
   return std::string(stem) + ".m4v";
 }
 
-// The mdat header of a single-pass file sits at byte 24, after ftyp; its size is
-// known once the writer is finished.
-void set_mdat_size(FILE* f, unsigned data) {
-  unsigned v = data + 8;
-  unsigned char b[4] = {static_cast<unsigned char>(v >> 24), static_cast<unsigned char>(v >> 16),
-                        static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v)};
-  fseek(f, 24, SEEK_SET);
-  fwrite(b, 1, 4, f);
-}
-
 struct job;
 int say(job& j, const std::string& msg);
 
@@ -124,41 +114,70 @@ int write_error(job& j, const std::string& path) {
       j, "writing into " + j.dir + " failed (is the disk full?); the unfinished file was removed");
 }
 
+// Every channel is planned in one walk of each hour, and the files of one hour are
+// written together from one walk of it: each stored block is read twice in all (plan
+// and write), however many channels are chosen.
 int two_phase(job& j) {
   std::vector<char> plan(1 << 20, '\0');
-  int n = j.sub ? j.app->bk_phase_one_substream(j.dir.c_str(), j.beg, j.end, j.mask, plan.data())
-                : j.app->bk_phase_one(j.dir.c_str(), j.beg, j.end, j.mask, plan.data());
+  int n = j.app->bk_phase_one_channels(j.dir.c_str(), j.beg, j.end, j.mask, plan.data(), j.sub);
   if (n <= 0) return say(j, "nothing recorded on those channels between --from and --to");
   fprintf(stdout, "plan (name channel bytes item entry offset time):\n%s", plan.data());
   fflush(stdout);
-  const char* p = plan.data();
-  while (*p) {
+  struct planned {
+    std::string name, path;
+    bk_plan_file_t f;
+  };
+  std::vector<planned> all;
+  for (const char* p = plan.data(); *p;) {
     const char* nl = strchr(p, '\n');
     std::string line(p, nl ? static_cast<size_t>(nl - p) : strlen(p));
     p = nl ? nl + 1 : p + line.size();
     char name[128];
-    int ch, size, item, entry, off, t;
-    if (sscanf(line.c_str(), "%127s %d %d %d %d %d %d", name, &ch, &size, &item, &entry, &off,
-               &t) != 7)
-      continue;
-    if (cancelled()) break;
-    std::string path = j.dir + "/" + name;
-    FILE* f = fopen(path.c_str(), "wb");
-    if (!f) return say(j, "cannot create " + path + ": " + strerror(errno));
-    int r = j.sub ? j.app->bk_phase_two_substream(f, name, ch, size, item, entry, off)
-                  : j.app->bk_phase_two(f, name, ch, size, item, entry, off);
-    if (write_failed(f)) return write_error(j, path);
-    if (r <= 0) {
-      // A planned file is only valid whole: its mdat size was written first.
-      remove(path.c_str());
-      if (cancelled()) {
-        j.cut = name;
-        break;
-      }
-      return say(j, std::string(name) + ": the recording ended before the planned bytes");
+    planned x;
+    int t;
+    if (sscanf(line.c_str(), "%127s %d %d %d %d %d %d", name, &x.f.ch, &x.f.size, &x.f.item,
+               &x.f.entry, &x.f.offset, &t) == 7) {
+      x.name = name;
+      x.path = j.dir + "/" + name;
+      all.push_back(x);
     }
-    wrote(j, path, r);
-    j.files++;
+  }
+  for (size_t i = 0; i < all.size();) {
+    if (cancelled()) break;
+    size_t k = i;  // the files of one hour: [i, k)
+    while (k < all.size() && all[k].f.item == all[i].f.item) k++;
+    std::vector<bk_plan_file_t> files;
+    for (size_t m = i; m < k; m++) {
+      all[m].f.out = fopen(all[m].path.c_str(), "wb");
+      if (!all[m].f.out) {
+        for (bk_plan_file_t& f : files) fclose(f.out);
+        return say(j, "cannot create " + all[m].path + ": " + strerror(errno));
+      }
+      files.push_back(all[m].f);
+    }
+    j.app->bk_phase_two_files(files.data(), static_cast<int>(files.size()), j.sub);
+    int bad = -1;
+    for (size_t m = i; m < k; m++)
+      if (write_failed(files[m - i].out) && bad < 0) bad = static_cast<int>(m);
+    if (bad >= 0) return write_error(j, all[bad].path);
+    int unfinished = -1;
+    for (size_t m = i; m < k; m++) {
+      if (files[m - i].result > 0) {
+        wrote(j, all[m].path, files[m - i].result);
+        j.files++;
+      } else {
+        // A planned file is only valid whole: its mdat size was written first.
+        remove(all[m].path.c_str());
+        if (unfinished < 0) unfinished = static_cast<int>(m);
+      }
+    }
+    if (unfinished >= 0) {
+      if (!cancelled())
+        return say(j, all[unfinished].name + ": the recording ended before the planned bytes");
+      j.cut = all[unfinished].name;
+      return 0;
+    }
+    i = k;
   }
   return 0;
 }
@@ -183,7 +202,7 @@ int single_pass(job& j) {
         j.app->bk_close(f, cur, box, data);
       else
         j.app->bk_multi_m4v_close(f, box, data);
-      set_mdat_size(f, data);
+      fs_app::bk_set_mdat_size(f, data);
       bool bad = write_failed(f);
       f = nullptr;  // closed either way
       if (bad) return write_error(j, tmp);
