@@ -87,11 +87,28 @@ const unsigned char* rw_block(fs_read_window& w, fs_db* db, const entry_t& e, in
       to = back_end;
       from = to - kReadWindow < first ? to - kReadWindow : first;
       if (from < 0) from = 0;
-      if (from > first) from = first;
+      if (w.same_entry(db, e) && first < w.at && w.at < to && to <= w.at + w.len) {
+        // The block's end is held already: only the bytes before the stretch are read,
+        // and what lies after the block (played already) is let go.
+        long long keep = to - w.at;
+        if (!grow(w, to - from)) return nullptr;
+        memmove(w.buf + (w.at - from), w.buf, static_cast<size_t>(keep));
+        long long region = e.offset;
+        int n = static_cast<int>(w.at - from);
+        w.reads++;
+        w.bytes += n;
+        if (quiet_read(db, w.buf, n, region + from) != 0) {
+          w.drop();
+          return nullptr;
+        }
+        w.at = from;
+        w.len = static_cast<int>(to - from);
+        from = to = -1;  // held now
+      }
     } else {
       to = first + kReadWindow < size ? first + kReadWindow : size;
     }
-    if (rw_fill(w, db, e, from, to) != 0) return nullptr;
+    if (from >= 0 && rw_fill(w, db, e, from, to) != 0) return nullptr;
   }
   head_t h;
   memcpy(&h, w.ptr(off), sizeof h);
@@ -99,7 +116,14 @@ const unsigned char* rw_block(fs_read_window& w, fs_db* db, const entry_t& e, in
   long long end = off + static_cast<long long>(BLOCK_OVERHEAD) + h.size;
   if (end > size) return nullptr;
   if (end > w.at + w.len) {
-    // Larger than the stretch read: the rest comes in a second read, after what is held.
+    // Larger than the stretch read: the rest comes in a second read, after what is held
+    // of the block (what lies before it, served already, is let go).
+    if (first > w.at) {
+      int held = static_cast<int>(w.at + w.len - first);
+      memmove(w.buf, w.ptr(first), static_cast<size_t>(held));
+      w.at = first;
+      w.len = held;
+    }
     long long have = w.at + w.len;
     if (!grow(w, end - w.at)) return nullptr;
     long long region = e.offset;
