@@ -62,8 +62,6 @@ int rw_fill(fs_read_window& w, fs_db* db, const entry_t& e, long long from, long
   if (!grow(w, to - from)) return -1;
   long long region = e.offset;
   int n = static_cast<int>(to - from);
-  w.reads++;
-  w.bytes += n;
   if (quiet_read(db, w.buf, n, region + from) != 0) return -1;
   w.db = db;
   w.region = region;
@@ -95,8 +93,6 @@ const unsigned char* rw_block(fs_read_window& w, fs_db* db, const entry_t& e, in
         memmove(w.buf + (w.at - from), w.buf, static_cast<size_t>(keep));
         long long region = e.offset;
         int n = static_cast<int>(w.at - from);
-        w.reads++;
-        w.bytes += n;
         if (quiet_read(db, w.buf, n, region + from) != 0) {
           w.drop();
           return nullptr;
@@ -128,8 +124,6 @@ const unsigned char* rw_block(fs_read_window& w, fs_db* db, const entry_t& e, in
     if (!grow(w, end - w.at)) return nullptr;
     long long region = e.offset;
     int n = static_cast<int>(end - have);
-    w.reads++;
-    w.bytes += n;
     if (quiet_read(db, w.buf + w.len, n, region + have) != 0) {
       w.drop();
       return nullptr;

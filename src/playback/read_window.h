@@ -21,8 +21,6 @@ struct fs_read_window {
   bool backward = false;  // the cursor last stepped backwards: read stretches ending at it
   long long served = -1;  // the cursor's block that was last served whole, or -1
   long long headed = -1;  // where r_head was last asked: asked again, it reads the disk
-  // Reads (and read calls) made, for the benchmarks' and tests' accounting of bytes.
-  long long reads = 0, bytes = 0;
 
   ~fs_read_window();
   void drop() { db = nullptr, len = 0, served = -1, headed = -1; }
