@@ -182,26 +182,97 @@ int two_phase(job& j) {
   return 0;
 }
 
+// With sound, each hour of every chosen channel comes from one walk of the hour: the
+// per-hour writer for all channels at once (bk_write_channels), files named as they end.
+struct hour_run {
+  job* j;
+  std::vector<std::string> tmp;
+  std::vector<int> times, results;
+  std::vector<unsigned> w, h, fps;
+  int err = 0;
+};
+
+FILE* hour_file_done(void* ctx, int k, FILE* f, unsigned pos, unsigned size, bool more) {
+  (void)pos;
+  hour_run& r = *static_cast<hour_run*>(ctx);
+  job& j = *r.j;
+  fs_app::bk_set_mdat_size(f, size);
+  const std::string& tmp = r.tmp[k];
+  if (write_failed(f)) {
+    if (!r.err) r.err = write_error(j, tmp);
+    return nullptr;
+  }
+  if (size == 0) {
+    remove(tmp.c_str());
+  } else {
+    std::string name = free_name(j.dir, r.times[k], j.chans[k], r.w[k], r.h[k], r.fps[k]);
+    std::string path = j.dir + "/" + name;
+    if (rename(tmp.c_str(), path.c_str()) != 0) {
+      if (!r.err) r.err = say(j, "cannot name " + path);
+      return nullptr;
+    }
+    wrote(j, path, size_of(path));
+    j.files++;
+    if (cancelled()) j.cut = name;
+  }
+  if (!more || r.err) return nullptr;
+  FILE* next = fopen(tmp.c_str(), "wb");
+  if (!next) r.err = say(j, "cannot create " + tmp + ": " + strerror(errno));
+  return next;
+}
+
+int single_pass_hours(job& j) {
+  size_t n = j.chans.size();
+  hour_run r;
+  r.j = &j;
+  for (size_t k = 0; k < n; k++) r.tmp.push_back(j.dir + "/.export.part" + std::to_string(k));
+  r.times.resize(n);
+  r.results.resize(n);
+  r.w.resize(n);
+  r.h.resize(n);
+  r.fps.resize(n);
+  int items = j.app->bk_set(j.beg, j.end, j.mask);
+  for (int item = 0; item < items && !cancelled() && !r.err; item++) {
+    std::vector<FILE*> outs;
+    for (size_t k = 0; k < n; k++) {
+      outs.push_back(fopen(r.tmp[k].c_str(), "wb"));
+      if (!outs.back()) {
+        for (FILE* f : outs)
+          if (f) fclose(f);
+        return say(j, "cannot create " + r.tmp[k] + ": " + strerror(errno));
+      }
+    }
+    j.app->bk_write_channels(item, static_cast<int>(n), j.chans.data(), outs.data(), r.times.data(),
+                             r.w.data(), r.h.data(), r.fps.data(), r.results.data(), hour_file_done,
+                             &r);
+    for (size_t k = 0; k < n; k++)
+      if (r.results[k] < 0)
+        say(j, "channel " + std::to_string(j.chans[k]) + ": video loss, the file ends there");
+  }
+  j.app->bk_clr();
+  if (r.err) return 1;
+  if (j.files == 0 && !cancelled())
+    return say(j, "nothing recorded on those channels between --from and --to");
+  return 0;
+}
+
 // Single pass writes as it reads. Without sound the multi-slot writer runs one file on
 // across the hours until the picture changes. With sound each hour is written by the
 // per-hour writer, which hands the converted sound to the file frame by frame; the
 // multi-slot writer gathers it into 8000-byte pieces that the file's fixed sound chunk
 // table does not describe, so players would play that sound at the wrong pace.
 int single_pass(job& j) {
-  const bool per_hour = j.audio;
+  if (j.audio) return single_pass_hours(j);
   for (int ch : j.chans) {
     int b = j.beg, e = j.end, m = 1 << ch;
-    int items = per_hour ? j.app->bk_set(j.beg, j.end, m) : j.app->bk_multi_set(&b, &e, &m, 1);
+    int items = j.app->bk_multi_set(&b, &e, &m, 1);
     FILE* f = nullptr;
     std::string tmp = j.dir + "/.export.part";
-    int t = 0, cur = 0;
+    int t = 0;
     unsigned w = 0, h = 0, fps = 0;
     auto finish = [&]() -> int {
       unsigned box = 0, data = 0;
-      if (per_hour)
-        j.app->bk_close(f, cur, box, data);
-      else
-        j.app->bk_multi_m4v_close(f, box, data);
+      j.app->bk_multi_m4v_close(f, box, data);
       fs_app::bk_set_mdat_size(f, data);
       bool bad = write_failed(f);
       f = nullptr;  // closed either way
@@ -219,14 +290,12 @@ int single_pass(job& j) {
       return 0;
     };
     for (int item = 0; item < items && !cancelled(); item++) {
-      cur = item;
       for (;;) {
         if (!f) {
           f = fopen(tmp.c_str(), "wb");
           if (!f) return say(j, "cannot create " + tmp + ": " + strerror(errno));
         }
-        int r = per_hour ? j.app->bk_write(f, item, ch, t, w, h, fps)
-                         : j.app->bk_multi_m4v_write(f, item, ch, t, w, h, fps, false);
+        int r = j.app->bk_multi_m4v_write(f, item, ch, t, w, h, fps, false);
         if (r == 1) {
           if (finish() != 0) return 1;
           continue;
@@ -234,17 +303,12 @@ int single_pass(job& j) {
         if (r < 0) say(j, "channel " + std::to_string(ch) + ": video loss, the file ends there");
         break;
       }
-      if (per_hour && f && finish() != 0) return 1;
     }
     if (f && finish() != 0) return 1;
-    if (per_hour) {
-      j.app->bk_clr();
-    } else {
-      // The multi selection has no clear of its own and a new selection zeroes its
-      // fields without freeing: the array goes back here (its writer is closed above).
-      free(j.app->bk_multi_state.items);
-      memset(&j.app->bk_multi_state, 0, sizeof j.app->bk_multi_state);
-    }
+    // The multi selection has no clear of its own and a new selection zeroes its
+    // fields without freeing: the array goes back here (its writer is closed above).
+    free(j.app->bk_multi_state.items);
+    memset(&j.app->bk_multi_state, 0, sizeof j.app->bk_multi_state);
     if (cancelled()) break;
   }
   if (j.files == 0 && !cancelled())
