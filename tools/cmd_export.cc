@@ -79,6 +79,13 @@ std::string free_name(const std::string& dir, int time, int ch, unsigned w, unsi
   return std::string(stem) + ".m4v";
 }
 
+// Output files are written in large pieces: the writers hand stdio a frame at a time.
+FILE* open_out(const std::string& path) {
+  FILE* f = fopen(path.c_str(), "wb");
+  if (f) setvbuf(f, nullptr, _IOFBF, 1 << 20);
+  return f;
+}
+
 struct job;
 int say(job& j, const std::string& msg);
 
@@ -148,7 +155,7 @@ int two_phase(job& j) {
     while (k < all.size() && all[k].f.item == all[i].f.item) k++;
     std::vector<bk_plan_file_t> files;
     for (size_t m = i; m < k; m++) {
-      all[m].f.out = fopen(all[m].path.c_str(), "wb");
+      all[m].f.out = open_out(all[m].path);
       if (!all[m].f.out) {
         for (bk_plan_file_t& f : files) fclose(f.out);
         return say(j, "cannot create " + all[m].path + ": " + strerror(errno));
@@ -216,7 +223,7 @@ FILE* hour_file_done(void* ctx, int k, FILE* f, unsigned pos, unsigned size, boo
     if (cancelled()) j.cut = name;
   }
   if (!more || r.err) return nullptr;
-  FILE* next = fopen(tmp.c_str(), "wb");
+  FILE* next = open_out(tmp);
   if (!next) r.err = say(j, "cannot create " + tmp + ": " + strerror(errno));
   return next;
 }
@@ -235,7 +242,7 @@ int single_pass_hours(job& j) {
   for (int item = 0; item < items && !cancelled() && !r.err; item++) {
     std::vector<FILE*> outs;
     for (size_t k = 0; k < n; k++) {
-      outs.push_back(fopen(r.tmp[k].c_str(), "wb"));
+      outs.push_back(open_out(r.tmp[k]));
       if (!outs.back()) {
         for (FILE* f : outs)
           if (f) fclose(f);
@@ -292,7 +299,7 @@ int single_pass(job& j) {
     for (int item = 0; item < items && !cancelled(); item++) {
       for (;;) {
         if (!f) {
-          f = fopen(tmp.c_str(), "wb");
+          f = open_out(tmp);
           if (!f) return say(j, "cannot create " + tmp + ": " + strerror(errno));
         }
         int r = j.app->bk_multi_m4v_write(f, item, ch, t, w, h, fps, false);
