@@ -216,6 +216,8 @@ int volume_set::open(const std::vector<std::string>& disks) {
     else
       good++;
   }
+  if (good == 0 && !damaged.empty())
+    return fail("nothing can be listed: the index of every disk named is damaged (see above)");
   if (good == 0) return fail("none of the disks holds a readable volume");
   return 0;
 }

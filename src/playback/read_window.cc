@@ -15,7 +15,7 @@ fs_read_window& rw_of(fs_read_window_slot& s) {
 }
 
 void fs_read_window_slot::drop() {
-  if (w != nullptr) w->drop();
+  if (w != nullptr) w->reset();
 }
 
 bool fs_read_window::same_entry(fs_db* d, const entry_t& e) const {

@@ -23,7 +23,8 @@ struct fs_read_window {
   long long headed = -1;  // where r_head was last asked: asked again, it reads the disk
 
   ~fs_read_window();
-  void drop() { db = nullptr, len = 0, served = -1, headed = -1; }
+  void drop() { db = nullptr, len = 0; }          // the bytes held
+  void reset() { drop(), served = headed = -1; }  // and what the cursor was served
   bool same_entry(fs_db* d, const entry_t& e) const;
   // True when [from, to) of e's data is held.
   bool holds(fs_db* d, const entry_t& e, long long from, long long to) const;

@@ -188,12 +188,11 @@ TEST_F(Many, SinglePassForAllChannelsGivesTheFilesOfBkWrite) {
   EXPECT_LT(reads, static_cast<long long>(w.size()) / 4);
 }
 
-TEST_F(Many, BkReadReadsEachBlockOnceInStretchesOfAMebibyte) {
+TEST_F(Many, BkReadReadsEachStoredByteOnceInStretchesOfAMebibyte) {
   // The last closed minute on sdb, as the second parser reads it.
   std::vector<rec::hour_view> v = rec::read_volume("/dev/sdb");
   const rec::minute_view& m = v.back().minutes[0];
   ASSERT_GE(m.blocks.size(), 50u);
-  ASSERT_LT(m.e.size, 2 << 20);
   app->bk_set(m.e.time - 60, m.e.time + 3000, 0xF);  // records and frames alike
   entry_t e = m.e;
   q_t q = {0x80000, static_cast<unsigned char*>(malloc(0x80000))};
@@ -213,9 +212,11 @@ TEST_F(Many, BkReadReadsEachBlockOnceInStretchesOfAMebibyte) {
       served++;
       off += 296 + h.size;
     }
-    // A 1 MiB stretch, the rest of the block it cuts, then the stretch after it.
-    EXPECT_EQ(3, g_reads);
+    // Every byte once, in 1 MiB stretches, each followed at most by the rest of the
+    // block it cuts.
     EXPECT_EQ(m.e.size, g_bytes);
+    EXPECT_LE(g_reads, 2 * ((m.e.size >> 20) + 1));
+    EXPECT_LT(g_reads, static_cast<long long>(m.blocks.size()));
   }
   EXPECT_EQ(m.blocks.size(), served);
   free(q.buf);
@@ -284,7 +285,7 @@ TEST_F(Many, DamagedBlocksEndOrSkipButNeverCrashTheManyOutputCalls) {
   std::vector<rec::hour_view> v = rec::read_volume("/dev/sdb");
   ASSERT_GE(v.size(), 2u);
   ASSERT_GT(export_all(*app, beg, end), 0);
-  std::string img = board.image("sdb");
+  std::string img = board->image("sdb");
   std::mt19937 rng(18);
   for (int it = 0; it < 24; it++) {
     const rec::hour_view& h = v[rng() % v.size()];
@@ -307,7 +308,7 @@ TEST_F(Many, DamagedBlocksEndOrSkipButNeverCrashTheManyOutputCalls) {
 
 TEST_F(Many, PlanningStopsAtTheCancelMarker) {
   kit::StderrCapture quiet;
-  board.touch("/tmp/bk_cancel");
+  board->touch("/tmp/bk_cancel");
   std::vector<char> plan(1 << 16, 'x');
   EXPECT_EQ(0, app->bk_phase_one("", beg, end, 0xF, plan.data()));
   EXPECT_STREQ("", plan.data());
@@ -319,7 +320,7 @@ TEST_F(Many, PlanningStopsAtTheCancelMarker) {
   info.ch = 1;
   EXPECT_EQ(0, app->bk_phase_oneWithTARVO("", beg, end, 0xF, &info));
   EXPECT_EQ(0, info.n);
-  board.unlink("/tmp/bk_cancel");
+  board->unlink("/tmp/bk_cancel");
   app->bk_clr();
 }
 
