@@ -32,7 +32,7 @@
 #include "quiet.h"
 #include "sim/board.h"
 #include "time_arg.h"
-#include "volume_arg.h"
+#include "cli.h"
 
 namespace {
 

@@ -33,6 +33,10 @@ void put_payload(std::string& out, int n, uint32_t& s) {
   for (int i = 0; i < n; i++) out.push_back(static_cast<char>(1 + next_rand(s) % 255));
 }
 
+// NAL unit types of the sequence parameter sets.
+const int AVC_NAL_SPS = 7;
+const int HEVC_NAL_SPS = 33;
+
 int nal_type(int codec, unsigned char b) { return codec == 265 ? (b >> 1) & 0x3F : b & 0x1F; }
 bool is_vcl(int codec, int t) { return codec == 265 ? t < 32 : (t >= 1 && t <= 5); }
 bool is_key(int codec, int t) { return codec == 265 ? (t >= 16 && t <= 21) : t == 5; }
@@ -161,8 +165,8 @@ void stream_size(const std::vector<access_unit>& units, int codec, int& w, int& 
       std::string nal = u.bytes.substr(r.first, r.second);
       int t = nal_type(codec, static_cast<unsigned char>(nal[0]));
       unsigned sw = 0, sh = 0;
-      bool ok = codec == 265 ? t == 33 && annexb::hevc_size(nal, sw, sh)
-                             : t == 7 && annexb::avc_size(nal, sw, sh);
+      bool ok = codec == 265 ? t == HEVC_NAL_SPS && annexb::hevc_size(nal, sw, sh)
+                             : t == AVC_NAL_SPS && annexb::avc_size(nal, sw, sh);
       if (ok && sw > 0 && sh > 0 && sw <= 16384 && sh <= 16384) {
         w = static_cast<int>(sw);
         h = static_cast<int>(sh);
@@ -203,11 +207,13 @@ int capture::open(const capture_spec& shape, long long start_ms, std::string* er
     pictures_.resize(static_cast<size_t>(spec_.channels) * 2);
     for (int ch = 0; ch < spec_.channels; ch++) {
       if ((main_units_.empty() &&
-           pictures_[static_cast<size_t>(ch) * 2].open(spec_.main_w, spec_.main_h, spec_.fps, ch,
-                                                       SYNTH_STREAM_MAIN) != 0) ||
+           pictures_[static_cast<size_t>(ch) * 2].open(
+               spec_.main_w, spec_.main_h, spec_.fps, ch, SYNTH_STREAM_MAIN,
+               static_cast<size_t>(frame_bytes(false, true)), spec_.seed) != 0) ||
           (sub_units_.empty() &&
-           pictures_[static_cast<size_t>(ch) * 2 + 1].open(spec_.sub_w, spec_.sub_h, spec_.fps, ch,
-                                                           SYNTH_STREAM_SUB) != 0)) {
+           pictures_[static_cast<size_t>(ch) * 2 + 1].open(
+               spec_.sub_w, spec_.sub_h, spec_.fps, ch, SYNTH_STREAM_SUB,
+               static_cast<size_t>(frame_bytes(true, true)), spec_.seed) != 0)) {
         if (err) *err = "picture size cannot be coded (even sizes, 16 to 8192)";
         return -1;
       }
@@ -221,6 +227,16 @@ int capture::open(const capture_spec& shape, long long start_ms, std::string* er
   return 0;
 }
 
+// The byte budget of a frame: key frames four times the size of the others, the average
+// kept at the bit rate.
+long long capture::frame_bytes(bool sub, bool key) const {
+  int kbps = sub ? spec_.sub_kbps : spec_.main_kbps;
+  long long avg = static_cast<long long>(kbps) * 1000 / 8 / spec_.fps;
+  long long p = avg * spec_.gop / (spec_.gop + 3);
+  long long bytes = key ? 4 * p : p;
+  return bytes < 32 ? 32 : bytes;
+}
+
 std::string capture::video_frame(int ch, bool sub, long long n, bool& key) {
   const std::vector<access_unit>& units = sub ? sub_units_ : main_units_;
   if (!units.empty()) {
@@ -229,12 +245,7 @@ std::string capture::video_frame(int ch, bool sub, long long n, bool& key) {
     return u.bytes;
   }
   key = n % spec_.gop == 0;
-  int kbps = sub ? spec_.sub_kbps : spec_.main_kbps;
-  long long avg = static_cast<long long>(kbps) * 1000 / 8 / spec_.fps;
-  // Key frames four times the size of the others, the average kept at the bit rate.
-  long long p = avg * spec_.gop / (spec_.gop + 3);
-  long long bytes = key ? 4 * p : p;
-  if (bytes < 32) bytes = 32;
+  long long bytes = frame_bytes(sub, key);
   if (!pictures_.empty()) {
     std::string out;
     long long ms = start_ms_ + n * 1000 / spec_.fps;
@@ -279,7 +290,7 @@ struct block_builder {
     data.append(payload);
     h.frames++;
     if (fh.type < 32) h.types |= 1u << fh.type;
-    if (fh.ch < 59) h.count[fh.ch]++;
+    if (fh.ch < sizeof h.count / sizeof h.count[0]) h.count[fh.ch]++;
     if (fh.ch < 32) h.events |= 1u << fh.ch;
   }
   std::string finish(uint32_t events) {
