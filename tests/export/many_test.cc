@@ -320,7 +320,9 @@ TEST_F(Many, PlanningStopsAtTheCancelMarker) {
             : form == 2 ? app->bk_phase_one_channels("", beg, end, 0xF, plan.data(), false)
                         : app->bk_phase_oneWithTARVO("", beg, end, 0xF, &info);
     EXPECT_EQ(0, n) << form;
-    if (form < 3) EXPECT_STREQ("", plan.data()) << form;
+    if (form < 3) {
+      EXPECT_STREQ("", plan.data()) << form;
+    }
     app->bk_clr();
   }
   EXPECT_EQ(0, info.n);
