@@ -31,8 +31,9 @@ struct fs_read_window {
   const unsigned char* ptr(long long off) const { return buf + (off - at); }
 };
 
-// Bytes a window reads at once: enough for several recorder blocks (a 4 Mbit/s main
-// stream makes about 100 KB every 200 ms), little enough to keep on a recorder.
+// Bytes a window reads at once: several blocks of a few channels (a 4 Mbit/s main stream
+// makes about 100 KB every 200 ms; sixteen such channels nearly fill it with one block,
+// whose rest then comes in a second read), little enough to keep on a recorder.
 const int kReadWindow = 1 << 20;
 
 // Reads [from, to) of e's data into w in one transfer, replacing what it held. The range
