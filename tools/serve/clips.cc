@@ -146,7 +146,9 @@ struct mp4_out {
 };
 
 clip_ptr build_forward(fs_app& app, const clip_request& r, reply* err) {
-  if (app.r_set(r.from, 0) != 0) {
+  // From the first block after the second `from`, so that every block of that second
+  // (main and substream blocks alternate) is seen on the way back.
+  if (app.r_set(r.from + 1, 0) != 0 && app.r_set(r.from, 0) != 0) {
     *err = error_reply(404, "nothing recorded at or after the start");
     return nullptr;
   }
@@ -237,12 +239,9 @@ struct key_frame {
 clip_ptr build_reverse(fs_app& app, const clip_request& r, reply* err) {
   int at = r.from, count = r.to;
   std::vector<key_frame> keys;
-  if (app.r_set(at, 0) != 0) {
-    // Nothing at or after `at`: start from the newest recording.
-    if (app.r_set(0, 0) != 0) {
-      *err = error_reply(404, "nothing recorded");
-      return nullptr;
-    }
+  if (app.r_set(at + 1, 0) != 0 && app.r_set(at, 0) != 0) {
+    *err = error_reply(404, "nothing recorded at or after that time to go back from");
+    return nullptr;
   }
   walker w(app, -1);
   std::vector<char> buf;
@@ -389,8 +388,7 @@ std::string clip_json(const clip& c) {
 // Synchronised key-frame seeking: the next (dir > 0) or previous key-frame block after
 // or before `at` that carries any channel of mask, by the main stream's key-frame index.
 reply api_keyframe(fs_app& app, unsigned mask, int at, int dir) {
-  if (app.r_set(at, 0) != 0 && (dir > 0 || app.r_set(0, 0) != 0))
-    return error_reply(404, "nothing recorded there");
+  if (app.r_set(at, 0) != 0) return error_reply(404, "nothing recorded there");
   walker w(app, dir);
   int m = static_cast<int>(mask);
   head_t* h = app.r_head();

@@ -296,16 +296,16 @@ int run_serve(const std::vector<std::string>& in) {
     if (null >= 0) dup2(null, 2), close(null);
   }
   audtype = 2;  // recorded ADPCM goes into clips as 16-bit PCM ("sowt")
-  int rc = g_pool.open(args, 4);
-  if (rc == 0) rc = jobs_start(args, dir);
-  if (rc != 0) return rc;
-
-  // Signals go to one thread that stops the server; the others never see them.
+  // Signals go to one thread that stops the server; the others, started from here on,
+  // never see them.
   sigset_t set;
   sigemptyset(&set);
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  int rc = g_pool.open(args, 4);
+  if (rc == 0) rc = jobs_start(args, dir);
+  if (rc != 0) return rc;
   httplib::Server s;
   // One thread per client for 32 clients at once; a keep-alive connection holds one.
   s.new_task_queue = [] { return new httplib::ThreadPool(32); };
