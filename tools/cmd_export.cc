@@ -2,21 +2,23 @@
 // files a computer plays, the way the recorder's own backup menu does it.
 //
 //   ringrec export [DISK...] --from TIME --to TIME --ch N[,M...] OUTDIR [--substream]
-//                  [--audio] [--format mp4|irf|oem] [--single-pass]
+//                  [--format mp4|irf|oem] [--single-pass [--audio]] [--force] [--json]
 //
 // MP4 (the default) goes through the two-phase export: a plan (printed), then each
-// planned file written front to back. --single-pass writes as it reads, one file
-// running across hours until the picture changes; --audio adds the sound track there,
-// a file per hour (two-phase files carry a channel's recorded sound as they find it).
+// planned file written front to back; its files always carry a channel's recorded
+// sound as they find it, so --audio there is a usage error. --single-pass writes as it
+// reads, one file running across hours until the picture changes; --audio adds the
+// sound track there, a file per hour. A file of the same name in OUTDIR is not
+// replaced without --force (or --yes). Stored blocks that cannot be read end their
+// minute for the readers: the tool names each such span and exits 1, since the files
+// are valid but shorter than the range.
 // Channels are numbered from 0, as everywhere in the tool; the file names count them
 // from 1 ("ch01" is channel 0), as the recorder names its exports. --format irf writes
 // one IRF backup file per selected hour with every chosen channel; --format oem one
 // OEM-format file per minute.
 //
-// Progress: the tool creates the recorder's progress semaphore set, as the recorder's
-// application does, and reads it beside the export: a bar on a terminal, a line per
-// 10 % otherwise. Ctrl-C asks the library to stop through its cancel marker; finished
-// files stay valid and the tool names the file that was cut short.
+// Progress and Ctrl-C: export_progress.h. Finished files stay valid and the tool names
+// the file that was cut short.
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -36,13 +38,16 @@
 #include <string>
 #include <vector>
 
+#include "cli.h"
 #include "command.h"
+#include "export_progress.h"
 #include "quiet.h"
+#include "range_survey.h"
 #include "time_arg.h"
-#include "volume_set.h"
 
 namespace {
 
+using tool::cancelled;
 using tool::fail;
 using tool::take_flag;
 using tool::take_option;
@@ -51,102 +56,6 @@ using tool::usage_error;
 const char* const kUsage =
     "export [DISK...] --from TIME --to TIME --ch N[,M...] OUTDIR [--substream] [--audio] "
     "[--format mp4|irf|oem] [--single-pass]";
-
-// Logical paths below the board's root, as the library resolves them.
-std::string board_path(const char* logical) {
-  const char* root = getenv("RINGREC_ROOT");
-  return std::string(root ? root : "") + logical;
-}
-
-// ---- cancel: Ctrl-C creates the marker the writers test between minutes ------------
-
-std::string g_cancel_path;
-volatile sig_atomic_t g_cancelled = 0;
-
-void on_sigint(int) {
-  g_cancelled = 1;
-  int fd = open(g_cancel_path.c_str(), O_WRONLY | O_CREAT, 0644);
-  if (fd >= 0) close(fd);
-}
-
-// ---- progress: the semaphore set the library posts to ---------------------------------
-
-union semun_arg {
-  int val;
-  struct semid_ds* buf;
-  unsigned short* array;
-};
-
-struct progress_reader {
-  int id = -1;
-  bool created = false;
-  std::atomic<bool> stop{false};
-  pthread_t th;
-  bool running = false;
-  FILE* out = stderr;  // the terminal or log the tool speaks to
-  bool tty = false;
-  int shown = -1;
-
-  // Creates the set (two semaphores: percent, result) keyed as the library keys it.
-  bool open() {
-    std::string dot = board_path("/.");
-    key_t key = ftok(dot.c_str(), 66);
-    if (key == static_cast<key_t>(-1)) return false;
-    id = semget(key, 2, IPC_CREAT | IPC_EXCL | 0600);
-    if (id >= 0) {
-      created = true;
-    } else if (errno == EEXIST) {
-      id = semget(key, 2, 0);
-    }
-    if (id < 0) return false;
-    semun_arg a;
-    a.val = 0;
-    semctl(id, 0, SETVAL, a);
-    semctl(id, 1, SETVAL, a);
-    return true;
-  }
-  void show(int v) {
-    if (v < 0) v = 0;
-    if (v > 100) v = 100;
-    if (tty) {
-      if (v != shown) {
-        int fill = v * 40 / 100;
-        fprintf(out, "\rexport       [%.*s%*s] %3d%%", fill,
-                "########################################", 40 - fill, "", v);
-        fflush(out);
-      }
-    } else {
-      // Every 10 % step passed since the last look, even when several passed at once.
-      for (int k = shown < 0 ? 0 : shown / 10 + 1; k <= v / 10; k++)
-        fprintf(out, "export: %d%%\n", k * 10);
-      fflush(out);
-    }
-    shown = v;
-  }
-  void poll() {
-    if (id < 0) return;
-    show(semctl(id, 0, GETVAL));
-  }
-  static void* loop(void* p) {
-    progress_reader* r = static_cast<progress_reader*>(p);
-    while (!r->stop.load()) {
-      r->poll();
-      usleep(100000);
-    }
-    return nullptr;
-  }
-  void start() {
-    if (id >= 0 && pthread_create(&th, nullptr, loop, this) == 0) running = true;
-  }
-  void finish() {
-    stop.store(true);
-    if (running) pthread_join(th, nullptr);
-    running = false;
-    poll();
-    if (tty && shown >= 0) fprintf(out, "\n");
-    if (created) semctl(id, 0, IPC_RMID);
-  }
-};
 
 bool write_failed(FILE* f) {
   bool bad = fflush(f) != 0 || ferror(f) != 0;
@@ -197,13 +106,29 @@ struct job {
   bool sub, audio, single;
   std::string format;
   FILE* out;  // tool's own messages
+  tool::progress_reader* prog;
+  bool json = false, force = false;
+  std::vector<std::string> plan;  // the two-phase plan's lines
+  std::vector<std::pair<std::string, long long>> written;
   int files = 0;
   std::string cut;  // the file cut short by a cancel
 };
 
 int say(job& j, const std::string& msg) {
-  fprintf(j.out, "ringrec: %s\n", msg.c_str());
+  j.prog->line(j.out, "ringrec: " + msg);
   return 1;
+}
+
+void wrote(job& j, const std::string& path, long long bytes) {
+  j.written.push_back({path, bytes});
+  if (!j.json) j.prog->line(stdout, "wrote " + path + " (" + std::to_string(bytes) + " bytes)");
+}
+
+// A file of that name is there already and may not be replaced: said, and true.
+bool taken(job& j, const std::string& path) {
+  if (j.force || access(path.c_str(), F_OK) != 0) return false;
+  say(j, path + " exists: --force replaces it, or export into an empty directory");
+  return true;
 }
 
 // Output that could not be written whole (a full or failing USB stick): an MP4 file
@@ -211,8 +136,8 @@ int say(job& j, const std::string& msg) {
 // so it goes, and the run stops there.
 int write_error(job& j, const std::string& path) {
   remove(path.c_str());
-  return say(j, "writing into " + j.dir +
-                    " failed (is the disk full?); the unfinished file was removed");
+  return say(
+      j, "writing into " + j.dir + " failed (is the disk full?); the unfinished file was removed");
 }
 
 int two_phase(job& j) {
@@ -220,8 +145,27 @@ int two_phase(job& j) {
   int n = j.sub ? j.app->bk_phase_one_substream(j.dir.c_str(), j.beg, j.end, j.mask, plan.data())
                 : j.app->bk_phase_one(j.dir.c_str(), j.beg, j.end, j.mask, plan.data());
   if (n <= 0) return say(j, "nothing recorded on those channels between --from and --to");
-  fprintf(stdout, "plan (name channel bytes item entry offset time):\n%s", plan.data());
-  fflush(stdout);
+  if (!j.json) {
+    std::string text = plan.data();
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    j.prog->line(stdout, "plan (name channel bytes item entry offset time):\n" + text);
+  }
+  // The plan's files, checked before any is written.
+  std::vector<std::string> names;
+  for (const char* p = plan.data(); *p;) {
+    const char* nl = strchr(p, '\n');
+    std::string line(p, nl ? static_cast<size_t>(nl - p) : strlen(p));
+    p = nl ? nl + 1 : p + line.size();
+    char name[128];
+    int ch, size, item, entry, off, t;
+    if (sscanf(line.c_str(), "%127s %d %d %d %d %d %d", name, &ch, &size, &item, &entry, &off,
+               &t) != 7)
+      continue;
+    names.push_back(name);
+    j.plan.push_back(line);
+  }
+  for (const std::string& name : names)
+    if (taken(j, j.dir + "/" + name)) return 1;
   const char* p = plan.data();
   while (*p) {
     const char* nl = strchr(p, '\n');
@@ -232,7 +176,7 @@ int two_phase(job& j) {
     if (sscanf(line.c_str(), "%127s %d %d %d %d %d %d", name, &ch, &size, &item, &entry, &off,
                &t) != 7)
       continue;
-    if (g_cancelled) break;
+    if (cancelled()) break;
     std::string path = j.dir + "/" + name;
     FILE* f = fopen(path.c_str(), "wb");
     if (!f) return say(j, "cannot create " + path + ": " + strerror(errno));
@@ -242,13 +186,13 @@ int two_phase(job& j) {
     if (r <= 0) {
       // A planned file is only valid whole: its mdat size was written first.
       remove(path.c_str());
-      if (g_cancelled) {
+      if (cancelled()) {
         j.cut = name;
         break;
       }
       return say(j, std::string(name) + ": the recording ended before the planned bytes");
     }
-    fprintf(stdout, "wrote %s (%d bytes)\n", path.c_str(), r);
+    wrote(j, path, r);
     j.files++;
   }
   return 0;
@@ -285,12 +229,12 @@ int single_pass(job& j) {
       std::string name = free_name(j.dir, t, ch, w, h, fps);
       std::string path = j.dir + "/" + name;
       if (rename(tmp.c_str(), path.c_str()) != 0) return say(j, "cannot name " + path);
-      fprintf(stdout, "wrote %s (%lld bytes)\n", path.c_str(), size_of(path));
+      wrote(j, path, size_of(path));
       j.files++;
-      if (g_cancelled) j.cut = name;
+      if (cancelled()) j.cut = name;
       return 0;
     };
-    for (int item = 0; item < items && !g_cancelled; item++) {
+    for (int item = 0; item < items && !cancelled(); item++) {
       cur = item;
       for (;;) {
         if (!f) {
@@ -303,7 +247,7 @@ int single_pass(job& j) {
           if (finish() != 0) return 1;
           continue;
         }
-        if (r < 0) fprintf(j.out, "ringrec: channel %d: video loss, the file ends there\n", ch);
+        if (r < 0) say(j, "channel " + std::to_string(ch) + ": video loss, the file ends there");
         break;
       }
       if (per_hour && f && finish() != 0) return 1;
@@ -317,9 +261,9 @@ int single_pass(job& j) {
       free(j.app->bk_multi_state.items);
       memset(&j.app->bk_multi_state, 0, sizeof j.app->bk_multi_state);
     }
-    if (g_cancelled) break;
+    if (cancelled()) break;
   }
-  if (j.files == 0 && !g_cancelled)
+  if (j.files == 0 && !cancelled())
     return say(j, "nothing recorded on those channels between --from and --to");
   return 0;
 }
@@ -337,7 +281,7 @@ std::string stamp(int time, const char* ext) {
 // The application prepares the IRF file header: "TOLVEX", a zero, version 0, the rest
 // zero to 4096 bytes. The tool makes one when the board has none, and removes it after.
 bool irf_header(std::string* made) {
-  std::string path = board_path("/tmp/header.irf");
+  std::string path = tool::board_path("/tmp/header.irf");
   if (access(path.c_str(), R_OK) == 0) return true;
   FILE* f = fopen(path.c_str(), "wb");
   if (!f) return false;
@@ -355,9 +299,13 @@ int irf_export(job& j) {
   if (!irf_header(&made)) return say(j, "cannot prepare the IRF header in /tmp");
   int items = j.app->bk_set(j.beg, j.end, j.mask);
   int rc = 0;
-  for (int item = 0; item < items && !g_cancelled; item++) {
+  for (int item = 0; item < items && !cancelled(); item++) {
     std::string name = stamp(std::max(j.beg, j.app->bk_state.items[item].e.time), "irf");
     std::string path = j.dir + "/" + name;
+    if (taken(j, path)) {
+      rc = 1;
+      break;
+    }
     FILE* f = fopen(path.c_str(), "wb");
     if (!f) {
       rc = say(j, "cannot create " + path + ": " + strerror(errno));
@@ -373,12 +321,12 @@ int irf_export(job& j) {
       remove(path.c_str());
       continue;
     }
-    fprintf(stdout, "wrote %s (%lld bytes)\n", path.c_str(), size_of(path));
+    wrote(j, path, size_of(path));
     j.files++;
-    if (g_cancelled) j.cut = name;
+    if (cancelled()) j.cut = name;
   }
   if (!made.empty()) remove(made.c_str());
-  if (rc == 0 && j.files == 0 && !g_cancelled)
+  if (rc == 0 && j.files == 0 && !cancelled())
     return say(j, "nothing recorded on those channels between --from and --to");
   return rc;
 }
@@ -387,7 +335,7 @@ int irf_export(job& j) {
 int oem_export(job& j) {
   int items = j.app->bk_set(j.beg, j.end, j.mask);
   std::string tmp = j.dir + "/.export.part";
-  for (int item = 0; item < items && !g_cancelled; item++) {
+  for (int item = 0; item < items && !cancelled(); item++) {
     for (;;) {
       FILE* f = fopen(tmp.c_str(), "wb");
       if (!f) return say(j, "cannot create " + tmp + ": " + strerror(errno));
@@ -399,8 +347,12 @@ int oem_export(job& j) {
       } else {
         std::string name = stamp(ftime, "oem");
         std::string path = j.dir + "/" + name;
+        if (taken(j, path)) {
+          remove(tmp.c_str());
+          return 1;
+        }
         if (rename(tmp.c_str(), path.c_str()) != 0) return say(j, "cannot name " + path);
-        fprintf(stdout, "wrote %s (%lld bytes)\n", path.c_str(), size_of(path));
+        wrote(j, path, size_of(path));
         // A file holds one minute and the writer looks for the marker only between
         // minutes, so a cancel never cuts one short: none is named.
         j.files++;
@@ -408,55 +360,104 @@ int oem_export(job& j) {
       if (r != 1) break;
     }
   }
-  if (j.files == 0 && !g_cancelled)
+  if (j.files == 0 && !cancelled())
     return say(j, "nothing recorded on those channels between --from and --to");
   return 0;
 }
 
+// Every span the readers could not read, named; the files end there.
+void tell_gaps(job& j, const tool::range_survey& survey) {
+  for (const tool::lost_span& l : survey.lost)
+    say(j, "incomplete: stored blocks could not be read, " + tool::describe(l));
+  if (!survey.lost.empty())
+    say(j, "the exported files are valid but lack those seconds" +
+               (tool::recover_hint(survey.lost[0].disk).empty()
+                    ? std::string()
+                    : "; " + tool::recover_hint(survey.lost[0].disk)));
+}
+
+void print_json(job& j, const tool::range_survey& survey, int rc) {
+  tool::json o;
+  o.obj().str("directory", j.dir).str("format", j.format).arr("plan");
+  for (const std::string& line : j.plan) {
+    char name[128];
+    int ch, size, item, entry, off, t;
+    if (sscanf(line.c_str(), "%127s %d %d %d %d %d %d", name, &ch, &size, &item, &entry, &off,
+               &t) == 7)
+      o.obj()
+          .str("name", name)
+          .num("channel", ch)
+          .num("bytes", size)
+          .num("item", item)
+          .num("entry", entry)
+          .num("offset", off)
+          .num("time", t)
+          .end();
+  }
+  o.end().arr("files");
+  for (const auto& w : j.written) o.obj().str("path", w.first).num("bytes", w.second).end();
+  o.end().arr("lost");
+  for (const tool::lost_span& l : survey.lost)
+    o.obj()
+        .str("disk", l.disk)
+        .str("minute", l.minute)
+        .num("from", l.from)
+        .num("to", l.to)
+        .num("offset", l.offset)
+        .end();
+  o.end().arr("recorded_twice");
+  for (const tool::twice_minute& t : survey.twice)
+    o.obj().str("disk", t.disk).num("minute", t.minute).end();
+  o.end().arr("empty_channels");
+  for (int ch : j.chans)
+    if (!(survey.channels >> ch & 1)) o.num(nullptr, ch);
+  o.end().boolean("cancelled", cancelled()).boolean("complete", rc == 0).end().print();
+}
+
 int run_export(const std::vector<std::string>& in) {
   std::vector<std::string> args = in;
-  std::string from, to, chs, format = "mp4";
+  std::string chs, format = "mp4";
   bool sub = take_flag(args, "--substream");
   bool audio = take_flag(args, "--audio");
   bool single = take_flag(args, "--single-pass");
+  bool force = take_flag(args, "--force");
+  force = take_flag(args, "--yes") || force;
+  bool as_json = take_flag(args, "--json");
   take_option(args, "--format", &format);
-  if (!take_option(args, "--from", &from)) return usage_error("export", "--from is required");
-  if (!take_option(args, "--to", &to)) return usage_error("export", "--to is required");
+  long long b = 0, e = 0;
+  bool has_from, has_to;
+  if (!tool::take_time(args, "--from", &b, &has_from))
+    return usage_error("export", "bad --from: seconds or YYYY-MM-DD HH:MM[:SS] (UTC)");
+  if (!tool::take_time(args, "--to", &e, &has_to))
+    return usage_error("export", "bad --to: seconds or YYYY-MM-DD HH:MM[:SS] (UTC)");
+  if (!has_from || !has_to) return usage_error("export", "--from and --to are required");
   if (!take_option(args, "--ch", &chs)) return usage_error("export", "--ch is required");
-  for (const std::string& a : args)
-    if (a.compare(0, 2, "--") == 0) return usage_error("export", "unknown option '" + a + "'");
+  int rc = 0;
+  if (!tool::only_positional("export", args, &rc)) return rc;
   if (args.empty()) return usage_error("export", "give the output directory");
   job j;
+  j.json = as_json;
+  j.force = force;
   // The last name is the output directory; any before it are the disks to read.
   j.dir = args.back();
   args.pop_back();
-  long long b = 0, e = 0;
-  if (!tool::parse_time(from, &b))
-    return usage_error("export", "--from: seconds or YYYY-MM-DD HH:MM[:SS]");
-  if (!tool::parse_time(to, &e))
-    return usage_error("export", "--to: seconds or YYYY-MM-DD HH:MM[:SS]");
   if (e < b) return usage_error("export", "--to is before --from");
   j.beg = static_cast<int>(b);
   j.end = static_cast<int>(e);
-  j.mask = 0;
-  for (size_t p = 0; p <= chs.size();) {
-    size_t q = chs.find(',', p);
-    std::string one = chs.substr(p, q == std::string::npos ? std::string::npos : q - p);
-    char* end = nullptr;
-    long v = strtol(one.c_str(), &end, 10);
-    if (one.empty() || *end != 0 || v < 0 || v > 31)
-      return usage_error("export", "--ch: channel numbers 0 to 31, separated by commas");
-    if (!(j.mask & (1u << v))) j.chans.push_back(static_cast<int>(v));
-    j.mask |= 1u << v;
-    if (q == std::string::npos) break;
-    p = q + 1;
-  }
+  uint32_t mask = 0;
+  if (!tool::parse_channels(chs, &mask, &j.chans))
+    return usage_error("export", "bad --ch '" + chs + "': channels 0 to 31 like 0,2,5");
+  j.mask = static_cast<int>(mask);
   if (format != "mp4" && format != "irf" && format != "oem")
     return usage_error("export", "--format: mp4, irf or oem");
   // The single-pass writers classify frames as main-stream ones only.
   if (sub && single) return usage_error("export", "--substream exports are two-phase only");
   if (format != "mp4" && (sub || single || audio))
     return usage_error("export", "--substream, --audio and --single-pass are for --format mp4");
+  if (audio && !single)
+    return usage_error("export",
+                       "--audio goes with --single-pass: two-phase files always carry the "
+                       "channel's recorded sound");
   struct stat st;
   if (stat(j.dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
     return fail("output directory " + j.dir + " does not exist: create it first");
@@ -466,8 +467,6 @@ int run_export(const std::vector<std::string>& in) {
   j.single = single;
   j.format = format;
 
-  g_cancel_path = board_path("/tmp/bk_cancel");
-  remove(g_cancel_path.c_str());  // a marker left over from an earlier run
   // The tool's own words go to the terminal's standard error, beside the library's
   // lines that the quiet scope keeps off it.
   FILE* tool_out = fdopen(dup(tool::err_fd()), "w");
@@ -477,46 +476,57 @@ int run_export(const std::vector<std::string>& in) {
   fs_app* app = vols.app;
   j.app = app;
   app->set(32);
-  if (vols.open(args) != 0) {
+  rc = vols.open(args);
+  if (rc != 0) {
     if (tool_out) fclose(tool_out);
-    return 1;
+    return rc;
   }
   // The recorder stores sound as IMA ADPCM; MP4 export converts it to 16-bit PCM,
   // which the "sowt" sample entry describes.
   audtype = 2;
-  progress_reader prog;
-  prog.out = j.out;
-  prog.tty = isatty(tool::err_fd()) != 0;
+  tool::progress_reader prog(j.out, isatty(tool::err_fd()) != 0);
+  j.prog = &prog;
   if (!prog.open())
     fprintf(j.out, "ringrec: no progress semaphore (%s); exporting without progress\n",
             strerror(errno));
-  struct sigaction sa, old;
-  memset(&sa, 0, sizeof sa);
-  sa.sa_handler = on_sigint;
-  sigaction(SIGINT, &sa, &old);
+  // What the range holds, read before the writers run: channels with nothing, minutes
+  // recorded twice, and blocks the readers will stop at.
+  tool::range_survey survey = tool::survey_range(vols, j.beg, j.end);
+  for (int ch : j.chans)
+    if (!(survey.channels >> ch & 1))
+      say(j, "warning: channel " + std::to_string(ch) + " holds nothing between --from and --to");
+  for (const tool::twice_minute& t : survey.twice)
+    say(j, "warning: " + tool::fmt_time(t.minute).substr(0, 16) + " was recorded twice on " +
+               t.disk +
+               " (a clock set back?): its files hold both recordings, one after the other");
+  tool::cancel_arm();
   prog.start();
-  int rc = format == "irf"   ? irf_export(j)
-           : format == "oem" ? oem_export(j)
-           : single          ? single_pass(j)
-                             : two_phase(j);
+  rc = format == "irf"   ? irf_export(j)
+       : format == "oem" ? oem_export(j)
+       : single          ? single_pass(j)
+                         : two_phase(j);
   // Completion (100 %, result 1) is posted only for a run that completed: a recorder's
   // interface reading the semaphore must not show a cancelled or failed backup as done.
-  if (rc == 0 && !g_cancelled) app->bk_over();
+  if (rc == 0 && !cancelled()) app->bk_over();
   prog.finish();
   app->bk_clr();
-  sigaction(SIGINT, &old, nullptr);
-  if (g_cancelled) {
-    remove(g_cancel_path.c_str());
+  tool::cancel_disarm();
+  if (cancelled()) {
     if (!j.cut.empty())
-      fprintf(j.out, "ringrec: cancelled: %s was cut short%s; %d file(s) before it are whole\n",
-              j.cut.c_str(), format == "mp4" && !single ? " and removed" : "",
-              j.files - (format == "mp4" && !single ? 0 : 1));
+      say(j, "cancelled: " + j.cut + " was cut short" +
+                 (format == "mp4" && !single ? " and removed" : "") + "; " +
+                 std::to_string(j.files - (format == "mp4" && !single ? 0 : 1)) +
+                 " file(s) before it are whole");
     else
-      fprintf(j.out, "ringrec: cancelled after %d file(s)\n", j.files);
+      say(j, "cancelled after " + std::to_string(j.files) + " file(s)");
     rc = 1;
   } else if (rc == 0) {
-    fprintf(j.out, "exported %d file(s) into %s\n", j.files, j.dir.c_str());
+    tell_gaps(j, survey);
+    if (!survey.lost.empty()) rc = 1;
+    fprintf(j.out, "exported %d file(s) into %s%s\n", j.files, j.dir.c_str(),
+            survey.lost.empty() ? "" : ", incomplete");
   }
+  if (j.json) print_json(j, survey, rc);
   if (tool_out) fclose(tool_out);
   return rc;
 }

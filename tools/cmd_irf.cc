@@ -33,7 +33,10 @@ bool parse_ch(const std::string& s, int& ch) {
 }
 
 const char* kind_name(unsigned kind) {
-  return kind == 1 ? "key" : kind == 2 ? "video" : kind == 3 ? "audio" : "?";
+  return kind == IRF_KIND_KEY     ? "key"
+         : kind == IRF_KIND_VIDEO ? "video"
+         : kind == IRF_KIND_AUDIO ? "audio"
+                                  : "?";
 }
 
 // One pass over the records from the first one. fn(offset, record, data) sees each;
@@ -123,11 +126,11 @@ int run_irf(const std::vector<std::string>& args_in) {
   long long n = walk(app, size, false, &cut, &cut_at,
                      [&](long pos, const irf_frame_rec_t& r, const std::vector<char>&) {
                        chan_stats& s = stats[static_cast<int>(r.ch)];
-                       if (r.kind == 1) s.keys++;
-                       if (r.kind == 1 || r.kind == 2) s.video++;
-                       if (r.kind == 3) s.audio++;
+                       if (r.kind == IRF_KIND_KEY) s.keys++;
+                       if (r.kind == IRF_KIND_KEY || r.kind == IRF_KIND_VIDEO) s.video++;
+                       if (r.kind == IRF_KIND_AUDIO) s.audio++;
                        s.bytes += r.len;
-                       if (r.kind == 1 && s.w == 0) {
+                       if (r.kind == IRF_KIND_KEY && s.w == 0) {
                          s.w = r.w2;
                          s.h = r.w3;
                          s.fps = r.w4;
@@ -135,21 +138,22 @@ int run_irf(const std::vector<std::string>& args_in) {
                        // A link is 0 (not kept), -1 (no key frame yet) or a key frame
                        // already seen.
                        if (r.link != 0 && r.link != -1 && !keys.count(r.link)) bad_links++;
-                       if (r.kind == 1) keys.insert(pos);
+                       if (r.kind == IRF_KIND_KEY) keys.insert(pos);
                        if (list) {
                          char pic[24] = "";
-                         if (r.kind != 3) snprintf(pic, sizeof pic, "%ux%u", r.w2, r.w3);
+                         if (r.kind != IRF_KIND_AUDIO)
+                           snprintf(pic, sizeof pic, "%ux%u", r.w2, r.w3);
                          printf("%10ld  %-5s  %2u  %8u  %10d  %-9s  %3u  %10u  %10u\n", pos,
                                 kind_name(r.kind), r.ch, r.len, r.link, pic,
-                                r.kind == 3 ? 0 : r.w4, r.w5, r.w6);
+                                r.kind == IRF_KIND_AUDIO ? 0 : r.w4, r.w5, r.w6);
                        }
                        return true;
                      });
   printf("%s: IRF, %d bytes, %lld frame records\n", path.c_str(), size, n);
   for (auto& kv : stats) {
     const chan_stats& s = kv.second;
-    printf("  channel %d: %lld video frames (%lld key), %lld audio frames, %lld bytes",
-           kv.first, s.video, s.keys, s.audio, s.bytes);
+    printf("  channel %d: %lld video frames (%lld key), %lld audio frames, %lld bytes", kv.first,
+           s.video, s.keys, s.audio, s.bytes);
     if (s.w) printf(", %ux%u at %u/s", s.w, s.h, s.fps);
     printf("\n");
   }
@@ -183,11 +187,13 @@ int run_irf(const std::vector<std::string>& args_in) {
   unsigned mdat = 0;
   long long frames = 0;
   auto kind_of = [&](const irf_frame_rec_t& r) {
-    return hevc ? (r.kind == 1 ? 11 : 12) : (r.kind == 1 ? 0 : 1);
+    return static_cast<int>(hevc ? (r.kind == IRF_KIND_KEY ? FRAME_H265_KEY : FRAME_H265)
+                                 : (r.kind == IRF_KIND_KEY ? FRAME_H264_KEY : FRAME_H264));
   };
   walk(app, size, true, &cut, &cut_at,
        [&](long, const irf_frame_rec_t& r, const std::vector<char>& d) {
-         if (static_cast<int>(r.ch) != ch || (r.kind != 1 && r.kind != 2)) return true;
+         if (static_cast<int>(r.ch) != ch || (r.kind != IRF_KIND_KEY && r.kind != IRF_KIND_VIDEO))
+           return true;
          if (!decided) {
            // H.265 key frames open with a VPS (NAL type 32).
            std::string s(d.begin(), d.end());
@@ -225,7 +231,8 @@ int run_irf(const std::vector<std::string>& args_in) {
     long long written = 0;
     walk(app, size, true, &cut, &cut_at,
          [&](long, const irf_frame_rec_t& r, const std::vector<char>& d) {
-           if (static_cast<int>(r.ch) != ch || (r.kind != 1 && r.kind != 2)) return true;
+           if (static_cast<int>(r.ch) != ch || (r.kind != IRF_KIND_KEY && r.kind != IRF_KIND_VIDEO))
+             return true;
            if (m->add(kind_of(r), d.data(), static_cast<unsigned>(d.size())) > 0) {
              m->w_data(kind_of(r), out, d.data(), static_cast<unsigned>(d.size()));
              written++;

@@ -9,6 +9,7 @@
 
 #include "command.h"
 #include "quiet.h"
+#include "time_arg.h"
 
 namespace tool {
 
@@ -19,17 +20,25 @@ std::vector<command>& registry() {
 }
 
 void help(int fd) {
-  dprintf(fd,
-          "usage: ringrec [--root DIR] [-v] COMMAND [ARGS]\n"
-          "  --root DIR   use the simulated board in DIR (or set RINGREC_ROOT)\n"
-          "  -v           show the library's own diagnostic lines\n\ncommands:\n");
-  for (const command& c : registry()) dprintf(fd, "  %s\n", c.usage);
+  // One write: a reader that stops early (head, grep -q) costs no half-written lines.
+  std::string text =
+      "usage: ringrec [--root DIR] [-v] COMMAND [ARGS]   (ringrec COMMAND --help for one)\n"
+      "  --root DIR   use the simulated board in DIR (or set RINGREC_ROOT)\n"
+      "  -v           show the library's own diagnostic lines\n\ncommands:\n";
+  for (const command& c : registry()) text += std::string("  ") + c.usage + "\n";
+  dprintf(fd, "%s", text.c_str());
 }
 }  // namespace
 
 bool add_command(const command& c) {
   registry().push_back(c);
   return true;
+}
+
+bool has_command(const char* name) {
+  for (const command& c : registry())
+    if (strcmp(c.name, name) == 0) return true;
+  return false;
 }
 
 bool take_option(std::vector<std::string>& args, const std::string& name, std::string* value) {
@@ -65,6 +74,23 @@ bool take_flag(std::vector<std::string>& args, const std::string& name) {
   return false;
 }
 
+bool take_time(std::vector<std::string>& args, const std::string& name, long long* out,
+               bool* given) {
+  std::string v;
+  *given = take_option(args, name, &v);
+  if (!*given) return true;
+  return parse_time(v, out) && *out >= 0 && *out <= INT32_MAX;
+}
+
+bool only_positional(const std::string& cmd, const std::vector<std::string>& args, int* rc) {
+  for (const std::string& a : args)
+    if (a.size() > 1 && a[0] == '-' && (a[1] == '-' || (a[1] < '0' || a[1] > '9'))) {
+      *rc = usage_error(cmd, "unknown option '" + a + "'");
+      return false;
+    }
+  return true;
+}
+
 int usage_error(const std::string& cmd, const std::string& msg) {
   err("%s", msg.c_str());
   for (const command& c : registry())
@@ -90,6 +116,16 @@ void progress_end() {
 
 namespace {
 
+bool asks_help(const std::vector<std::string>& args) {
+  for (const std::string& a : args)
+    if (a == "--help" || a == "-h") return true;
+  return false;
+}
+
+const char* const kSyntax =
+    "TIME: seconds since 1970 or \"YYYY-MM-DD HH:MM[:SS]\" (UTC); channels: a list from 0 "
+    "(--ch 0,2,5)\n";
+
 int run(const std::vector<std::string>& args) {
   // Two-word commands ("sim create") first, then one-word ones.
   for (int words = 2; words >= 1; words--) {
@@ -99,9 +135,25 @@ int run(const std::vector<std::string>& args) {
     for (const tool::command& c : tool::registry()) {
       if (name == c.name) {
         std::vector<std::string> rest(args.begin() + words, args.end());
+        if (asks_help(rest)) {
+          printf("usage: ringrec %s\n%s", c.usage, kSyntax);
+          return 0;
+        }
         return c.fn(rest);
       }
     }
+  }
+  // The first word of two-word commands ("sim"): their usage lines.
+  std::string group = args[0] + " ";
+  std::string lines;
+  for (const tool::command& c : tool::registry())
+    if (strncmp(c.name, group.c_str(), group.size()) == 0)
+      lines += std::string("usage: ringrec ") + c.usage + "\n";
+  if (!lines.empty()) {
+    bool help = asks_help(args);
+    if (!help) tool::err("'%s' needs a subcommand", args[0].c_str());
+    dprintf(help ? 1 : tool::err_fd(), "%s", lines.c_str());
+    return help ? 0 : 2;
   }
   tool::err("unknown command '%s'", args[0].c_str());
   tool::help(tool::err_fd());

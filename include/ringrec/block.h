@@ -38,6 +38,17 @@ const uint32_t BLOCK_LOG = 8;
 const uint32_t BLOCK_INDEX_LQ = 9;
 const uint32_t BLOCK_INDEX_HQ = 10;
 
+// Kinds of a key-frame index as playback holds it (r_iframe_t::kind): the record's type
+// plus 4 when it carries frame_info_t records rather than bare offsets.
+const int IFRAME_OFFS_LQ = 9;    // type 9, word 8 0x200: 8-byte offsets
+const int IFRAME_OFFS_HQ = 10;   // type 10, word 8 0x400
+const int IFRAME_INFOS_LQ = 13;  // type 9, word 8 0x2000: frame_info_t records
+const int IFRAME_INFOS_HQ = 14;  // type 10, word 8 0x4000
+inline bool iframe_kind_offs(int kind) { return kind == IFRAME_OFFS_LQ || kind == IFRAME_OFFS_HQ; }
+inline bool iframe_kind_infos(int kind) {
+  return kind == IFRAME_INFOS_LQ || kind == IFRAME_INFOS_HQ;
+}
+
 // Their word-8 codes. An index record carries 16-byte frame_info_t entries under the
 // first pair of codes and bare 8-byte offsets under the earlier pair.
 const uint32_t BLOCK_CODE_MOTION = 0x10;
@@ -57,7 +68,7 @@ const uint32_t BLOCK_STREAM_SUB = 3;   // substream only; 0 and 1 enter both
 
 // Where the records lie in a minute entry's data.
 const int MINUTE_MOTION_OFF = 0;
-const int MINUTE_LOG_OFF = static_cast<int>(sizeof(motion_rec_t));                 // 15656
+const int MINUTE_LOG_OFF = static_cast<int>(sizeof(motion_rec_t));                   // 15656
 const int MINUTE_LOG_DATA_OFF = MINUTE_LOG_OFF + BLOCK_HEAD;                         // 15944
 const int MINUTE_FRAMES_OFF = MINUTE_LOG_OFF + static_cast<int>(sizeof(log_rec_t));  // 17104
 
@@ -74,6 +85,27 @@ inline bool frame_is_key(uint32_t type) { return type == FRAME_H264_KEY || type 
 inline bool frame_is_video(uint32_t type) {
   return type == FRAME_H264_KEY || type == FRAME_H264 || type == FRAME_H265_KEY ||
          type == FRAME_H265;
+}
+
+// Calls fn(f, data) for each frame of a frame block, in stored order: h is the block's
+// head, data its `h.size` data bytes. fn returns false to drop the rest of the block.
+// The frame count and every length come from the disk: a frame head or data that would
+// run past the block's data ends the walk rather than reading beyond it. The head is
+// copied out because frames lie at any byte offset.
+template <typename Fn>
+void block_frames(const head_t& h, const unsigned char* data, Fn fn) {
+  const unsigned char* p = data;
+  long long left = h.size;
+  for (uint32_t i = 0; i < h.frames; i++) {
+    if (left < FRAME_HEAD) return;
+    frame_head_t f;
+    memcpy(&f, p, sizeof f);
+    left -= FRAME_HEAD;
+    if (f.len > left) return;
+    if (!fn(f, reinterpret_cast<const char*>(p + FRAME_HEAD))) return;
+    p += FRAME_HEAD + f.len;
+    left -= f.len;
+  }
 }
 
 // A head is valid when its sync is right and its magic matches time and size.

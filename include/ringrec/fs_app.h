@@ -18,6 +18,9 @@
 
 class fs_mp4;
 
+// The disk table's rows: db_open keeps at most this many volumes.
+const int DB_DISKS_MAX = 16;
+
 // One row of the disk table.
 struct db_info_t {
   fs_db* db;          // the volume, owned by the service; null when the row is unused
@@ -94,19 +97,21 @@ static_assert(offsetof(r_cursor_t, head) == offsetof(r_cursor_t, tail) + 8,
 
 // Key-frame state of one stream for playback: 0 the substream (LQ), 1 the main stream.
 struct r_iframe_t {
-  int32_t kind;         // 9/10 index of bare offsets, 13/14 of frame_info_t; else none
-  long long* offs;      // bare offsets (kinds 9, 10)
+  int32_t kind;         // IFRAME_ kind of the loaded index; any other value: none
+  long long* offs;      // bare offsets (kinds IFRAME_OFFS_)
   int32_t offs_cap;     // entries allocated
-  frame_info_t* infos;  // records (kinds 13, 14)
+  frame_info_t* infos;  // records (kinds IFRAME_INFOS_)
   int32_t infos_cap;    // entries allocated
   int32_t pos;          // current entry
   int32_t count;        // entries loaded
-  int32_t time;         // time of the entry last reached (kinds 13, 14)
+  int32_t time;         // time of the entry last reached (kinds IFRAME_INFOS_)
 };
 
 class fs_app {
  public:
-  // ---- writer state (recording) -----------------------------------------------------
+  // Fields in the order the object has always had; each banner names the owner.
+
+  // ---- writer: the current minute's records and key frames (recording) --------------
   int ch_num;
   motion_rec_t motion_info;   // live image of the current minute (motion_mutex)
   unsigned char* motion_buf;  // write-back copy
@@ -123,10 +128,11 @@ class fs_app {
   pthread_mutex_t log_mutex;     // event log image and live event slots
   pthread_mutex_t iframe_mutex;  // key-frame arrays and their write-back buffer
 
+  // ---- disk set (recording) -----------------------------------------------------------
   char partitions[2048];  // last text of /proc/partitions seen by db_check
   char disk_list[2048];   // "sda,sdb": internal disks last seen by db_check
   int db_cnt;
-  db_info_t db_info[16];
+  db_info_t db_info[DB_DISKS_MAX];
 
   // Read without db_mutex by g_db_update and iswriting (and write's early test), so
   // these are relaxed atomics: a stale value only delays a display refresh or one
@@ -135,6 +141,7 @@ class fs_app {
   char rsv_a[12];
   char rsv_b[12];
 
+  // ---- writer: the volume and entries being recorded (recording) ------------------------
   std::atomic<unsigned long long> last_write_ms;  // utime() of the last good write; 0 idle
   std::atomic<int> write_err;                     // 0 after a good write, -1 after a failure
   std::atomic<int> write_time;                    // time of the last block handed to write
@@ -143,7 +150,7 @@ class fs_app {
   entry_t min_e;                                  // open minute entry of cur_db
   int min_dirty;                                  // frames written to min_e since its last flush
 
-  // ---- cursor state (playback and search) ----------------------------------------------
+  // ---- cursor: playback and search results (playback) -----------------------------------
   r_cursor_t r_cur;
   r_iframe_t r_iframe[2];
   int hour_cap, hour_cnt;  // hour list: 16-byte hour records
@@ -151,29 +158,28 @@ class fs_app {
   int min_cap, min_cnt;  // minute list: 144-byte minute records
   unsigned char* min_list;
 
-  event_t events[12];  // event table: rows loaded by read_Log_info
+  // ---- event table (recording) ---------------------------------------------------------
+  event_t events[12];  // rows loaded by read_Log_info
   int event_cnt;
   void (*event_fn)(void* ctx, int index, event_t* ev);
   void* event_ctx;
 
-  // ---- backup state ------------------------------------------------------------------
+  // ---- backup (backup) ---------------------------------------------------------------
   bk_state_t bk_state;
   bk_multi_state_t bk_multi_state;  // progress enable: r_cur.sem_mode
 
-  // ---- reader state (IRF files on USB) ---------------------------------------------------
+  // ---- reader: IRF files on USB (backup) ------------------------------------------------
   FILE* usb_f;
   irf_frame_rec_t usb_rec;  // the frame record read last
-  unsigned char usb_data[102400];
+  unsigned char usb_data[IRF_DATA_MAX];
 
   fs_app();
   ~fs_app();
   fs_app(const fs_app&) = delete;
   fs_app& operator=(const fs_app&) = delete;
 
+  // ---- disk set ----------------------------------------------------------------------
   void set(int n);
-  void AddEvenctChagedHandler(void* ctx, void (*fn)(void*, int, event_t*));
-
-  // Disk set.
   int db_open(const char* arg);
   int db_check();
   int db_close();
@@ -185,11 +191,9 @@ class fs_app {
   int db_format(int idx);
   int iswriting();
   int check_valid(int now, int hours);
-  int q_EventCount();
-  event_t* q_EventInfo();
-  event_t* q_Event(int i);
+  int row_of(fs_db* db);  // the disk-table row of a volume, or -1
 
-  // Write path.
+  // ---- writer ------------------------------------------------------------------------
   int write(int time, int len, const void* block);
   // What db_write did with a block.
   enum {
@@ -201,11 +205,8 @@ class fs_app {
   };
   int db_write(fs_db* db, int time, int len, const void* block);
   int flush();
-
   // Key-frame index.
   int writeback_Iframe_info(fs_db* db);
-  void read_Iframe_info(fs_db* db, int dir);
-
   // Event log and motion records.
   int set_log_info(int vloss, int motion, int sensor, int m4, int m5, int m6, int m7);
   int set_motion_info(int ch, unsigned int* mask, int n);
@@ -213,19 +214,17 @@ class fs_app {
   int create_log_info(fs_db* db);
   int writeback_motion_info(fs_db* db);
   int writeback_log_info(fs_db* db);
-  void read_Log_info(fs_db* db, int);
 
+  // ---- cursor ------------------------------------------------------------------------
   // Time search.
   hour_rec_t* q_hour(int beg, int end, int& num);
   min_rec_t* q_min(int beg, int end, int& num);
   void q_time(int num, int* times);
-
   // Event and motion search.
   min_rec_t* q_log(int beg, int end, int ch, int eventType, int& num);
   min_rec_t* q_motion(int beg, int end, int ch, int& num);
   min_rec_t* q_motionMask(int beg, int end, int ch, int& num, unsigned int* mask, int words);
-
-  // Playback cursor.
+  // Playback.
   int r_set(int t, int end);
   head_t* r_head();
   int r_data(void* buf, int len);
@@ -235,13 +234,21 @@ class fs_app {
   int r_next_min(int dir);
   int sem_mode(int mode);
   void print();
-
   // Key-frame seeking.
+  void read_Iframe_info(fs_db* db, int dir);
   int r_Iseek(int dir, bool second, int mask, int step);
   int Seek_V2(int pos, frame_info_t* table, int count, int mask, int dir, int step, int last);
   int QuickSync(frame_info_t* table, int count, int mask, int dir);
 
-  // Backup selection and source reading.
+  // ---- event table -------------------------------------------------------------------
+  void AddEvenctChagedHandler(void* ctx, void (*fn)(void*, int, event_t*));
+  void read_Log_info(fs_db* db, int);
+  int q_EventCount();
+  event_t* q_EventInfo();
+  event_t* q_Event(int i);
+
+  // ---- backup ------------------------------------------------------------------------
+  // Selection and source reading.
   int bk_set(int beg, int end, int chbits);
   int bk_multi_set(int* beg, int* end, int* chbits, int n);
   int bk_read(int ch, fs_db* db, entry_t& e, int& off, head_t& h, q_t* q);
@@ -253,35 +260,31 @@ class fs_app {
   int bk_over();
   int bk_clr();
   int bk_close(FILE* out, int item, unsigned& a, unsigned& b);
-
   // IRF backup files.
   int bk_irf_write_frame(FILE* out, frame_head_t* f, char const* data);
   int bk_irf_write_frame(FILE* out, frame_head_t* f, char const* data, int link);
   int bk_irf_write(FILE* out, int item, int chbits, int& started);
   int bk_multi_irf_write(FILE* out, int item, int ch, int& lastkey, bool audio);
-
   // MP4 export.
   int bk_phase_one(char const* dir, int beg, int end, int chbits, char* plan);
   int bk_phase_one_substream(char const* dir, int beg, int end, int chbits, char* plan);
-  int bk_phase_two(FILE* out, char const* name, int ch, int size, int item, int entry,
-                   int offset);
+  int bk_phase_two(FILE* out, char const* name, int ch, int size, int item, int entry, int offset);
   int bk_phase_two_substream(FILE* out, char const* name, int ch, int size, int item, int entry,
                              int offset);
   int bk_phase_oneWithTARVO(char const* dir, int beg, int end, int chbits, m4vbackupInfo* info);
   int bk_phase_twoWithTARVO(FILE* out, m4vbackupInfo* info);
-  int write_to_m4vbackupInfo(m4vbackupInfo* info, char const* name, int size, int item,
-                             int entry, int offset, int time, int n);
+  int write_to_m4vbackupInfo(m4vbackupInfo* info, char const* name, int size, int item, int entry,
+                             int offset, int time, int n);
   int bk_write(FILE* out, int item, int ch, int& time, unsigned& width, unsigned& height,
                unsigned& fps);
-  int bk_multi_m4v_write(FILE* out, int item, int ch, int& time, unsigned& width,
-                         unsigned& height, unsigned& fps, bool audio);
+  int bk_multi_m4v_write(FILE* out, int item, int ch, int& time, unsigned& width, unsigned& height,
+                         unsigned& fps, bool audio);
   int bk_multi_m4v_close(FILE* out, unsigned& pos, unsigned& size);
-
   // OEM frame format.
   int bk_kesto_write_frame(FILE* out, frame_head_t* f, char const* data, int time, int prevlen);
   int bk_kesto_write(FILE* out, int item, int chbits, int& ftime);
 
-  // IRF files on USB.
+  // ---- reader ------------------------------------------------------------------------
   int usb_open_irf(char const* path);
   int usb_check_irf_header(FILE* f);
   void usb_reset_irf(int& size);
@@ -290,24 +293,6 @@ class fs_app {
   long usb_irf_position();
   void usb_close_irf();
   bool usb_isOpenFile();
-
-  // Internal helpers of the recording room.
-  void clear_writer(bool keep_err);
-  void clear_playback();
-  // The life of a minute on the volume being recorded (minute.cc); db is cur_db.
-  int open_minute(fs_db* db, int time);  // a DB_WRITE_ result
-  void finish_minute(fs_db* db);         // at the minute boundary
-  void refuse_minute(fs_db* db);         // a block did not fit: close what was written
-  void close_minute(fs_db* db, bool clear);
-  void flush_locked();  // flush's work, with db_mutex held
-  // The disks write tries in turn after a failure.
-  struct disk_order {
-    std::vector<int> rows;  // the other writable disks, newest recording first
-    bool built = false;
-    size_t next = 0;
-  };
-  int next_disk(int r, disk_order& order, bool* recycle);
-  int row_of(fs_db* db);
 };
 
 #endif

@@ -22,6 +22,9 @@
 
 const uint32_t OEM_MAGIC = 0x00006868;
 const int OEM_HEAD_SIZE = 24;
+// vtype: key frame (types 0, 11) and any other video frame (1, 12); audio has 0.
+const uint8_t OEM_VTYPE_KEY = 1;
+const uint8_t OEM_VTYPE_OTHER = 3;
 
 #pragma pack(push, 1)
 struct oem_frame_head_t {

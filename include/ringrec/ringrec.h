@@ -3,6 +3,8 @@
 #define RINGREC_RINGREC_H
 
 #include <ringrec/records.h>
+#include <ringrec/app_interface.h>
+#include <ringrec/entry_names.h>
 #include <ringrec/block.h>
 #include <ringrec/irf.h>
 #include <ringrec/oem.h>
@@ -11,5 +13,6 @@
 #include <ringrec/fs_mp4.h>
 #include <ringrec/audio.h>
 #include <ringrec/fs_app.h>
+#include <ringrec/recovery.h>
 
 #endif

@@ -19,31 +19,16 @@ int bk_channels(uint32_t mask);
 // -(done * 100) and a total of 0 (a mask without channels) gives 100.
 int bk_percent(int done, int total);
 
-// True while the cancel marker "/tmp/bk_cancel" exists.
+// True while the cancel marker exists.
 bool bk_cancelled();
 
 // Deletes the MP4 writers still held by the first num items and frees the array.
 void bk_free_items(bk_item_t*& items, int32_t& cap, int32_t num);
 
-// Header and data of the frames of a block read into q, in stored order. fn(f, data)
-// returns false to drop the rest of the block. The frame count and every length come
-// from the disk: a frame head or data that would run past the block's data ends the
-// walk rather than reading beyond the buffer. The head is copied out because frames
-// lie at any byte offset.
+// The frames of a block read into q (see block_frames).
 template <typename Fn>
 void bk_frames(const head_t& h, const q_t* q, Fn fn) {
-  const unsigned char* p = q->buf;
-  long long left = h.size;
-  for (uint32_t i = 0; i < h.frames; i++) {
-    if (left < static_cast<long long>(sizeof(frame_head_t))) return;
-    frame_head_t f;
-    memcpy(&f, p, sizeof f);
-    left -= sizeof f;
-    if (f.len > left) return;
-    if (!fn(f, reinterpret_cast<const char*>(p + sizeof f))) return;
-    p += sizeof f + f.len;
-    left -= f.len;
-  }
+  block_frames(h, q->buf, fn);
 }
 
 // Block time of a frame block as the writers stamp it: word 3 plus word 4, wrapping as

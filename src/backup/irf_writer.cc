@@ -1,11 +1,12 @@
 // IRF backup files: the application's 4096-byte header, then every kept frame as a sync
 // word, a 64-byte frame record and the frame's data (see irf.h).
+#include <ringrec/app_interface.h>
 #include <ringrec/fs_app.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include "backup/backup.h"
-#include "playback/walk.h"
+#include "playback/table_walk.h"
 #include "runtime/runtime.h"
 
 bool bk_next_entry(fs_db* db, const entryX_t& x, entry_t& e) {
@@ -112,7 +113,7 @@ void copy_item(fs_app& app, irf_run& run, int item) {
           if (*run.started == 0) {
             // The reference only marks the file as begun; a block time of 0 still must.
             *run.started = t != 0 ? t : 1;
-            copy_header(run.multi ? "/tmp/header.h264" : "/tmp/header.irf", run.out);
+            copy_header(run.multi ? IRF_HEADER_H264_FILE : IRF_HEADER_FILE, run.out);
           }
           if (!run.multi) {
             app.bk_irf_write_frame(run.out, &f, data);

@@ -17,7 +17,7 @@
 #include <unistd.h>
 
 #include "backup/backup.h"
-#include "playback/walk.h"
+#include "playback/table_walk.h"
 #include "recording/payload.h"
 #include "runtime/runtime.h"
 

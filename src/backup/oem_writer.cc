@@ -13,7 +13,7 @@ int fs_app::bk_kesto_write_frame(FILE* out, frame_head_t* f, char const* data, i
   oem_frame_head_t r;
   memset(&r, 0, sizeof r);
   if (frame_is_video(f->type)) {
-    r.vtype = frame_is_key(f->type) ? 1 : 3;
+    r.vtype = frame_is_key(f->type) ? OEM_VTYPE_KEY : OEM_VTYPE_OTHER;
   } else if (f->type == FRAME_AUDIO) {
     r.audio = 1;
   } else {

@@ -1,6 +1,7 @@
 // Backup selection and source reading: which hours of which volumes hold the chosen
 // range, reading their stored blocks back one at a time, classifying frames, and
 // progress reported to the application through its System V semaphore set.
+#include <ringrec/app_interface.h>
 #include <ringrec/fs_app.h>
 #include <ringrec/fs_mp4.h>
 #include <stdlib.h>
@@ -10,7 +11,7 @@
 #include <unistd.h>
 
 #include "backup/backup.h"
-#include "playback/walk.h"
+#include "playback/table_walk.h"
 #include "recording/payload.h"
 #include "runtime/runtime.h"
 
@@ -62,7 +63,7 @@ bool add_item(pick& p, fs_db* db, const entryX_t& x, const entry_t& e) {
 // [beg, end] (end 0: no upper bound) recorded on a channel of mask.
 void select_range(fs_app& app, pick& p, int beg, int end, uint32_t mask) {
   int nch = bk_channels(mask);
-  for (int i = 0; i < app.db_cnt && i < 16; i++) {
+  for (int i = 0; i < app.db_cnt && i < DB_DISKS_MAX; i++) {
     fs_db* db = app.db_info[i].db;
     if (db == nullptr || db->q_key() == 0) continue;
     entryX_t root;
@@ -116,7 +117,7 @@ int bk_percent(int done, int total) {
   return static_cast<int>(static_cast<long long>(done) * 100 / total);
 }
 
-bool bk_cancelled() { return fs_access("/tmp/bk_cancel", R_OK) == 0; }
+bool bk_cancelled() { return fs_access(BK_CANCEL_MARKER, R_OK) == 0; }
 
 int fs_app::bk_set(int beg, int end, int chbits) {
   memset(&bk_state, 0, sizeof bk_state);
@@ -242,7 +243,7 @@ void post_progress(const char* fn, int enabled, int32_t& last_time, int32_t& las
   last_progress = v;
   // The application creates the set; a backup only posts to it.
   std::string dot = fs_path("/.");
-  key_t key = ftok(dot.c_str(), 66);
+  key_t key = ftok(dot.c_str(), BK_SEM_PROJ);
   int id = key == static_cast<key_t>(-1) ? -1 : semget(key, 2, 0);
   if (id >= 0) {
     semun_arg a;

@@ -7,7 +7,7 @@
 
 #include <vector>
 
-#include "playback/walk.h"
+#include "playback/table_walk.h"
 #include "runtime/runtime.h"
 
 using namespace pb;
@@ -65,7 +65,7 @@ static void enter_minute(fs_app& a, fs_db* db, const entry_t& hour, const entry_
 static void build_hours(fs_app& a, bool filter, int t, int end, const char* fn, int line) {
   a.hour_cnt = 0;
   std::vector<entry_t> root;
-  for (int i = 0; i < a.db_cnt && i < 16; i++) {
+  for (int i = 0; i < a.db_cnt && i < DB_DISKS_MAX; i++) {
     fs_db* db = a.db_info[i].db;
     if (db == nullptr || db->q_key() == 0) continue;
     entryX_t x;
@@ -95,7 +95,7 @@ static hour_rec_t hour_at(const fs_app& a, int k) {
 
 // The volume of a location's slot, if it holds a formatted one.
 static fs_db* slot_db(fs_app& a, int slot) {
-  if (slot < 0 || slot >= a.db_cnt || slot >= 16) return nullptr;
+  if (slot < 0 || slot >= a.db_cnt || slot >= DB_DISKS_MAX) return nullptr;
   fs_db* db = a.db_info[slot].db;
   return db != nullptr && db->q_key() != 0 ? db : nullptr;
 }
@@ -269,7 +269,7 @@ int fs_app::r_next(int dir) {
 int fs_app::r_next_min(int dir) {
   r_cursor_t& c = r_cur;
   int slot = -1;
-  for (int i = 0; i < db_cnt && i < 16; i++)
+  for (int i = 0; i < db_cnt && i < DB_DISKS_MAX; i++)
     if (c.db != nullptr && db_info[i].db == c.db) {
       slot = i;
       break;
@@ -365,6 +365,6 @@ int fs_app::sem_mode(int mode) {
 
 void fs_app::print() {
   // Every counted slot should hold a volume; one that does not has nothing to list.
-  for (int i = 0; i < db_cnt && i < 16; i++)
+  for (int i = 0; i < db_cnt && i < DB_DISKS_MAX; i++)
     if (db_info[i].db != nullptr) db_info[i].db->print();
 }

@@ -6,10 +6,6 @@
 
 namespace {
 
-// Kinds of a loaded index: bare 8-byte offsets, or frame_info_t records.
-bool is_offsets(int kind) { return kind == 9 || kind == 10; }
-bool is_infos(int kind) { return kind == 13 || kind == 14; }
-
 // A slot's position and count outlive the minute they were loaded for and its tables
 // are only as long as the last load asked; entries are read only below both.
 bool in_table(const r_iframe_t& s, int i, bool infos) {
@@ -89,7 +85,7 @@ int fs_app::r_Iseek(int dir, bool second, int mask, int step) {
       return 0;
     }
     if (s.pos == s.count - 1) return -1;
-    if (is_offsets(s.kind)) {
+    if (iframe_kind_offs(s.kind)) {
       if (!stepped) {
         if (!in_table(s, s.pos, false) || !to_off(s.offs[s.pos], off)) return -1;
         s.pos++;
@@ -103,7 +99,7 @@ int fs_app::r_Iseek(int dir, bool second, int mask, int step) {
       stepped = 0;
       return 0;
     }
-    if (is_infos(s.kind)) {
+    if (iframe_kind_infos(s.kind)) {
       if (s.count > s.infos_cap) return -1;
       if (stepped) {
         s.pos = QuickSync(s.infos, s.count, mask, dir);
@@ -127,7 +123,7 @@ int fs_app::r_Iseek(int dir, bool second, int mask, int step) {
     return 0;
   }
   if (s.pos < 0) return -1;
-  if (is_offsets(s.kind)) {
+  if (iframe_kind_offs(s.kind)) {
     if (!stepped) {
       if (!in_table(s, s.pos, false) || !to_off(s.offs[s.pos], off)) return -1;
       s.pos--;
@@ -141,7 +137,7 @@ int fs_app::r_Iseek(int dir, bool second, int mask, int step) {
     stepped = 0;
     return 0;
   }
-  if (is_infos(s.kind)) {
+  if (iframe_kind_infos(s.kind)) {
     if (s.count > s.infos_cap) return -1;
     if (stepped) {
       // The main-stream slot's table here, even when the substream slot is selected.

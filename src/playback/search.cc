@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "playback/walk.h"
+#include "playback/table_walk.h"
 #include "runtime/runtime.h"
 
 using namespace pb;
@@ -24,7 +24,7 @@ const int kGridMax = 256;
 hour_rec_t* fs_app::q_hour(int beg, int end, int& num) {
   hour_cnt = 0;
   std::vector<entry_t> root;
-  for (int i = 0; i < db_cnt && i < 16; i++) {
+  for (int i = 0; i < db_cnt && i < DB_DISKS_MAX; i++) {
     fs_db* db = db_info[i].db;
     if (db == nullptr || db->q_key() == 0) continue;
     entryX_t x;
@@ -45,7 +45,7 @@ hour_rec_t* fs_app::q_hour(int beg, int end, int& num) {
 min_rec_t* fs_app::q_min(int beg, int end, int& num) {
   min_cnt = 0;
   std::vector<entry_t> root, mins;
-  for (int i = 0; i < db_cnt && i < 16; i++) {
+  for (int i = 0; i < db_cnt && i < DB_DISKS_MAX; i++) {
     fs_db* db = db_info[i].db;
     if (db == nullptr || db->q_key() == 0) continue;
     entryX_t x;
@@ -84,7 +84,7 @@ void fs_app::q_time(int num, int* times) {
   fs_log("q_time", 1671, "num=%d, beg=%d, end=%d\n", num, lo, hi);
 
   std::vector<entry_t> root;
-  for (int d = 0; d < db_cnt && d < 16 && num > 0; d++) {
+  for (int d = 0; d < db_cnt && d < DB_DISKS_MAX && num > 0; d++) {
     fs_db* db = db_info[d].db;
     if (db == nullptr || db->q_key() == 0) continue;
     entryX_t x;
@@ -114,13 +114,13 @@ void fs_app::q_time(int num, int* times) {
 
 namespace {
 
-// Visits every kept minute of the span on every volume: names beginning "MIN_", not
+// Visits every kept minute of the span on every volume: minute names, not
 // empty, inside the span. `fn` names the query in the error lines.
 template <typename F>
 void walk_minutes(fs_app& app, int beg, int end, const char* fn, int root_line, int hour_line,
                   F visit) {
   std::vector<entry_t> root, mins;
-  for (int i = 0; i < app.db_cnt && i < 16; i++) {
+  for (int i = 0; i < app.db_cnt && i < DB_DISKS_MAX; i++) {
     fs_db* db = app.db_info[i].db;
     if (db == nullptr || db->q_key() == 0) continue;
     entryX_t x;

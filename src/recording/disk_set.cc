@@ -7,11 +7,10 @@
 #include <unistd.h>
 
 #include "backup/backup.h"
+#include "recording/writer.h"
 #include "runtime/runtime.h"
 
 namespace {
-
-const int kMaxDisks = 16;
 
 // USB-attached disks hang below one of these host controllers; they are never
 // recording disks.
@@ -134,20 +133,20 @@ void fs_app::AddEvenctChagedHandler(void* ctx, void (*fn)(void*, int, event_t*))
   event_ctx = ctx;
 }
 
-void fs_app::clear_writer(bool keep_err) {
-  last_write_ms.store(0, std::memory_order_relaxed);
-  if (!keep_err) write_err.store(0, std::memory_order_relaxed);
-  write_time.store(0, std::memory_order_relaxed);
-  cur_db = nullptr;
-  memset(&hour_e, 0, sizeof hour_e);
-  memset(&min_e, 0, sizeof min_e);
-  min_dirty = 0;
+void clear_writer(fs_app& a, bool keep_err) {
+  a.last_write_ms.store(0, std::memory_order_relaxed);
+  if (!keep_err) a.write_err.store(0, std::memory_order_relaxed);
+  a.write_time.store(0, std::memory_order_relaxed);
+  a.cur_db = nullptr;
+  memset(&a.hour_e, 0, sizeof a.hour_e);
+  memset(&a.min_e, 0, sizeof a.min_e);
+  a.min_dirty = 0;
 }
 
-void fs_app::clear_playback() {
-  int32_t mode = r_cur.sem_mode;
-  memset(&r_cur, 0, sizeof r_cur);
-  r_cur.sem_mode = mode;
+void clear_playback(fs_app& a) {
+  int32_t mode = a.r_cur.sem_mode;
+  memset(&a.r_cur, 0, sizeof a.r_cur);
+  a.r_cur.sem_mode = mode;
 }
 
 int fs_app::row_of(fs_db* db) {
@@ -173,7 +172,7 @@ int fs_app::db_open(const char* arg) {
     if (n < 1 || !is_disk_name(name)) continue;
     if (is_usb_disk(name)) continue;
     // The table has 16 rows; a further internal disk is not recorded to.
-    if (db_cnt >= kMaxDisks) continue;
+    if (db_cnt >= DB_DISKS_MAX) continue;
     int i = db_cnt;
     db_info_t& row = db_info[i];
     memset(&row, 0, sizeof row);
@@ -196,8 +195,8 @@ int fs_app::db_open(const char* arg) {
     db_info[i].db = new fs_db();
     db_info[i].db->open(i, db_info[i].dev, arg);
   }
-  clear_playback();
-  clear_writer(true);
+  clear_playback(*this);
+  clear_writer(*this, true);
   db_update.store(1, std::memory_order_relaxed);
   pthread_mutex_unlock(&db_mutex);
   return db_cnt;
@@ -240,15 +239,15 @@ int fs_app::db_check() {
 
 int fs_app::db_close() {
   pthread_mutex_lock(&db_mutex);
-  for (int i = 0; i < kMaxDisks; i++) {
+  for (int i = 0; i < DB_DISKS_MAX; i++) {
     if (db_info[i].db == nullptr) continue;
     db_info[i].db->close();
     delete db_info[i].db;
     db_info[i].db = nullptr;
   }
   db_cnt = 0;
-  clear_playback();
-  clear_writer(true);
+  clear_playback(*this);
+  clear_writer(*this, true);
   db_update.store(1, std::memory_order_relaxed);
   pthread_mutex_unlock(&db_mutex);
   return 0;
@@ -296,15 +295,15 @@ int fs_app::db_set(int idx, const char* mode) {
   // The flush runs under the same hold of db_mutex as the clear of the writer state:
   // a block written between the two would be accepted, then dropped with the state.
   pthread_mutex_lock(&db_mutex);
-  flush_locked();
+  flush_locked(*this);
   fs_db* db = db_info[idx].db;
   if (db != nullptr) {
     if (strcmp(mode, "OVWR") == 0) db->s_flag(0);
     if (strcmp(mode, "WR") == 0) db->s_flag(1);
     if (strcmp(mode, "RDONLY") == 0) db->s_flag(2);
   }
-  clear_playback();
-  clear_writer(false);
+  clear_playback(*this);
+  clear_writer(*this, false);
   db_update.store(1, std::memory_order_relaxed);
   pthread_mutex_unlock(&db_mutex);
   return 0;
@@ -316,9 +315,9 @@ int fs_app::db_format(int idx) {
     return -1;
   }
   pthread_mutex_lock(&db_mutex);
-  flush_locked();  // under the same hold as the clear, as in db_set
-  clear_playback();
-  clear_writer(false);
+  flush_locked(*this);  // under the same hold as the clear, as in db_set
+  clear_playback(*this);
+  clear_writer(*this, false);
   int r = db_info[idx].db != nullptr ? db_info[idx].db->format() : -1;
   db_update.store(1, std::memory_order_relaxed);
   pthread_mutex_unlock(&db_mutex);

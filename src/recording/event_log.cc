@@ -1,6 +1,7 @@
 // The event log and motion records of a minute: the live images the detector threads
 // feed, and reading a stored event log back. Storing them in the minute entry is part
 // of the minute's life (minute.cc).
+#include <ringrec/app_interface.h>
 #include <ringrec/fs_app.h>
 #include <stdlib.h>
 #include <string.h>
@@ -64,7 +65,7 @@ void fs_app::read_Log_info(fs_db* db, int) {
       event_cnt = size / static_cast<int>(sizeof(event_t));
       if (event_fn != nullptr && event_cnt >= 1)
         for (int i = 0; i < event_cnt; i++) event_fn(event_ctx, i, &events[i]);
-      if (fs_access("/tmp/fs_debug", F_OK) == 0)
+      if (fs_access(FS_DEBUG_MARKER, F_OK) == 0)
         for (int i = 0; i < event_cnt; i++)
           fs_log("read_Log_info", 1945,
                  "Event[%02d].Record: 0x%X, Vloss: 0x%X, Motion: 0x%X, Sensor: 0x%X\n", i,

@@ -89,8 +89,10 @@ struct index_layouts {
   int old_kind, new_kind;
   int old_line, new_line;
 };
-const index_layouts kLqLayouts = {BLOCK_CODE_OFFS_LQ, BLOCK_CODE_INDEX_LQ, 9, 13, 1769, 0};
-const index_layouts kHqLayouts = {BLOCK_CODE_OFFS_HQ, BLOCK_CODE_INDEX_HQ, 10, 14, 1852, 1876};
+const index_layouts kLqLayouts = {
+    BLOCK_CODE_OFFS_LQ, BLOCK_CODE_INDEX_LQ, IFRAME_OFFS_LQ, IFRAME_INFOS_LQ, 1769, 0};
+const index_layouts kHqLayouts = {
+    BLOCK_CODE_OFFS_HQ, BLOCK_CODE_INDEX_HQ, IFRAME_OFFS_HQ, IFRAME_INFOS_HQ, 1852, 1876};
 
 // Loads the payload of `size` bytes at `data` into s and places its current entry on
 // the last (dir < 0) or the first key frame. 1 loaded; 0 an unknown layout (s is left
@@ -115,7 +117,7 @@ int load_index(fs_db* db, entry_t& e, int data, int size, uint32_t types, r_ifra
   if (!ok) {
     if (line != 0)
       fs_log("read_Iframe_info", line,
-             l.old_kind == 9 ? "Read LQ data fail.\n" : "Read HQ data fail.\n");
+             l.old_kind == IFRAME_OFFS_LQ ? "Read LQ data fail.\n" : "Read HQ data fail.\n");
     return -1;
   }
   s.count = n;
@@ -153,7 +155,8 @@ void fs_app::read_Iframe_info(fs_db* db, int dir) {
 
   // The HQ record ends where the LQ record begins.
   int hq_end = S - kOverhead - size;
-  if (!read_record(db, e, hq_end, h, size, "read_Iframe_info", 1819, 1825) || h.type != BLOCK_INDEX_HQ) {
+  if (!read_record(db, e, hq_end, h, size, "read_Iframe_info", 1819, 1825) ||
+      h.type != BLOCK_INDEX_HQ) {
     hq.count = 0;
     return;
   }

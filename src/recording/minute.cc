@@ -4,12 +4,15 @@
 // min_e always belong to cur_db; every function here takes that volume as `db` only
 // because the public signatures do, and asserts that it is the one.
 #include <assert.h>
+#include <ringrec/app_interface.h>
+#include <ringrec/entry_names.h>
 #include <ringrec/fs_app.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
 #include "recording/payload.h"
+#include "recording/writer.h"
 #include "runtime/runtime.h"
 
 namespace {
@@ -37,94 +40,85 @@ unsigned char* ensure(unsigned char*& buf, size_t n) {
 
 }  // namespace
 
-int fs_app::open_minute(fs_db* db, int time) {
-  assert(db == cur_db);
+int open_minute(fs_app& a, fs_db* db, int time) {
+  assert(db == a.cur_db);
   char hour[32], minute[32];
-  int day = time / 86400;
-  int hod = (time / 3600) % 24;
-  int moh = (time / 60) % 60;
-  int som = time % 60;
-  if (fs_access("/tmp/hdd", F_OK) == 0)
-    snprintf(hour, sizeof hour, "HOUR_%d:%.2d:%.2d", day, hod, moh);
-  else
-    snprintf(hour, sizeof hour, "HOUR_%d:%.2d", day, hod);
-  snprintf(minute, sizeof minute, "MIN_%.2d:%.2d", moh, som);
+  entry_hour_name(hour, time, fs_access(HDD_PER_MINUTE_MARKER, F_OK) == 0);
+  entry_min_name(minute, time, 0);
 
-  if (db->f_query() < 0) return DB_WRITE_REFUSED;
+  if (db->f_query() < 0) return fs_app::DB_WRITE_REFUSED;
   // An entry that cannot be opened after its creation is not used: flushing an
   // unopened (zeroed) entry would overwrite entry 0 of the root table.
   int rc;
   if (db->f_create(0, 1, hour) != 0) {
-    if (db->f_open(hour_e, 1, hour) != 0) return DB_WRITE_REFUSED;
-    rc = DB_WRITE_NEW_MINUTE;
+    if (db->f_open(a.hour_e, 1, hour) != 0) return fs_app::DB_WRITE_REFUSED;
+    rc = fs_app::DB_WRITE_NEW_MINUTE;
   } else {
-    if (db->f_open(hour_e, 1, hour) != 0) return DB_WRITE_REFUSED;
-    hour_e.time = time;
-    db->e_flush(hour_e);
-    rc = DB_WRITE_NEW_HOUR;
+    if (db->f_open(a.hour_e, 1, hour) != 0) return fs_app::DB_WRITE_REFUSED;
+    a.hour_e.time = time;
+    db->e_flush(a.hour_e);
+    rc = fs_app::DB_WRITE_NEW_HOUR;
   }
   int suffix = 0;
   while (db->f_create(1, 2, hour, minute) != 0) {
-    if (++suffix > 30) return DB_WRITE_REFUSED;
-    snprintf(minute, sizeof minute, "MIN_%.2d:%.2d-%d", moh, som, suffix);
+    if (++suffix > 30) return fs_app::DB_WRITE_REFUSED;
+    entry_min_name(minute, time, suffix);
     fs_log("db_write", 897, "ERR: %s\n", minute);
   }
-  if (db->f_open(min_e, 2, hour, minute) != 0) {
-    memset(&min_e, 0, sizeof min_e);
-    return DB_WRITE_REFUSED;
+  if (db->f_open(a.min_e, 2, hour, minute) != 0) {
+    memset(&a.min_e, 0, sizeof a.min_e);
+    return fs_app::DB_WRITE_REFUSED;
   }
-  min_e.time = time;
-  if (create_motion_info(db) != 0) fs_log("db_write", 901, "Create Motion Data Fail.\n");
-  if (create_log_info(db) != 0) fs_log("db_write", 904, "Create Log Info Fail.\n");
-  if (min_e.name[0] == 0) return DB_WRITE_REFUSED;
+  a.min_e.time = time;
+  if (a.create_motion_info(db) != 0) fs_log("db_write", 901, "Create Motion Data Fail.\n");
+  if (a.create_log_info(db) != 0) fs_log("db_write", 904, "Create Log Info Fail.\n");
+  if (a.min_e.name[0] == 0) return fs_app::DB_WRITE_REFUSED;
   return rc;
 }
 
-void fs_app::finish_minute(fs_db* db) {
-  assert(db == cur_db);
-  if (writeback_motion_info(db) != 0) fs_log("db_write", 843, "Write Motion Data back Error\n");
-  if (writeback_log_info(db) != 0) fs_log("db_write", 845, "Write Log Data back Error\n");
-  if (writeback_Iframe_info(db) != 0) fs_log("db_write", 849, "Write I Frame back Error\n");
-  if (min_dirty) close_minute(db, true);
+void finish_minute(fs_app& a, fs_db* db) {
+  assert(db == a.cur_db);
+  if (a.writeback_motion_info(db) != 0) fs_log("db_write", 843, "Write Motion Data back Error\n");
+  if (a.writeback_log_info(db) != 0) fs_log("db_write", 845, "Write Log Data back Error\n");
+  if (a.writeback_Iframe_info(db) != 0) fs_log("db_write", 849, "Write I Frame back Error\n");
+  if (a.min_dirty) close_minute(a, db, true);
   // A minute left clean by a flush is finished all the same: its records and index
   // are written, and a block of the next minute must open a new entry rather than
   // land behind that index.
-  memset(&min_e, 0, sizeof min_e);
+  memset(&a.min_e, 0, sizeof a.min_e);
 }
 
-void fs_app::refuse_minute(fs_db* db) {
-  assert(db == cur_db);
-  if (!min_dirty) return;
-  if (writeback_motion_info(db) != 0) fs_log("db_write", 919, "Write Motion Data back Error\n");
-  if (writeback_log_info(db) != 0) fs_log("db_write", 921, "Write Log Data back Error\n");
-  close_minute(db, false);
-  pthread_mutex_lock(&iframe_mutex);
-  iframe_lq.clear();
-  iframe_hq.clear();
-  pthread_mutex_unlock(&iframe_mutex);
+void refuse_minute(fs_app& a, fs_db* db) {
+  assert(db == a.cur_db);
+  if (!a.min_dirty) return;
+  if (a.writeback_motion_info(db) != 0) fs_log("db_write", 919, "Write Motion Data back Error\n");
+  if (a.writeback_log_info(db) != 0) fs_log("db_write", 921, "Write Log Data back Error\n");
+  close_minute(a, db, false);
+  pthread_mutex_lock(&a.iframe_mutex);
+  a.iframe_lq.clear();
+  a.iframe_hq.clear();
+  pthread_mutex_unlock(&a.iframe_mutex);
 }
 
-// Marks the open minute in its hour and makes both entries durable. With `clear` the
-// minute entry is dropped too, so the next block opens a new one.
-void fs_app::close_minute(fs_db* db, bool clear) {
-  assert(db == cur_db);
-  db->e_flush(min_e);
-  uint64_t mask = rec_get_mask(hour_e);
-  mask |= 1ULL << minute_bit(min_e.time);
-  rec_set_mask(hour_e, mask);
-  rec_set_events(hour_e, rec_get_events(hour_e) | rec_get_events(min_e));
-  db->e_flush(hour_e);
-  if (clear) memset(&min_e, 0, sizeof min_e);
-  min_dirty = 0;
+void close_minute(fs_app& a, fs_db* db, bool clear) {
+  assert(db == a.cur_db);
+  db->e_flush(a.min_e);
+  uint64_t mask = rec_get_mask(a.hour_e);
+  mask |= 1ULL << minute_bit(a.min_e.time);
+  rec_set_mask(a.hour_e, mask);
+  rec_set_events(a.hour_e, rec_get_events(a.hour_e) | rec_get_events(a.min_e));
+  db->e_flush(a.hour_e);
+  if (clear) memset(&a.min_e, 0, sizeof a.min_e);
+  a.min_dirty = 0;
 }
 
-void fs_app::flush_locked() {
-  if (cur_db != nullptr && min_dirty) close_minute(cur_db, false);
+void flush_locked(fs_app& a) {
+  if (a.cur_db != nullptr && a.min_dirty) close_minute(a, a.cur_db, false);
 }
 
 int fs_app::flush() {
   pthread_mutex_lock(&db_mutex);
-  flush_locked();
+  flush_locked(*this);
   pthread_mutex_unlock(&db_mutex);
   return 0;
 }
@@ -142,7 +136,7 @@ int fs_app::create_motion_info(fs_db* db) {
   pthread_mutex_unlock(&motion_mutex);
   if (buf == nullptr) return -1;
   if (db->d_query(min_e, min_e.size, sizeof motion_info) != 0) {
-    if (min_dirty) close_minute(db, true);
+    if (min_dirty) close_minute(*this, db, true);
     return -1;
   }
   return db->d_write(min_e, min_e.size, sizeof motion_info, buf) == 0 ? 0 : -2;
@@ -160,7 +154,7 @@ int fs_app::create_log_info(fs_db* db) {
   pthread_mutex_unlock(&log_mutex);
   if (buf == nullptr) return -1;
   if (db->d_query(min_e, min_e.size, sizeof log_info) != 0) {
-    if (min_dirty) close_minute(db, true);
+    if (min_dirty) close_minute(*this, db, true);
     return -1;
   }
   return db->d_write(min_e, min_e.size, sizeof log_info, buf) == 0 ? 0 : -2;

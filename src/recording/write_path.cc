@@ -1,6 +1,7 @@
 // The frame write path: disk choice, hour and minute entries, the per-second,
 // per-minute, per-channel and event summaries, and the minute boundary.
 #include <assert.h>
+#include <ringrec/app_interface.h>
 #include <ringrec/fs_app.h>
 #include <string.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "recording/payload.h"
+#include "recording/writer.h"
 #include "runtime/runtime.h"
 
 namespace {
@@ -54,11 +56,11 @@ int fs_app::db_write(fs_db* db, int time, int len, const void* block) {
   memcpy(&h, block, sizeof h);
 
   // Minute boundary: store the finished minute's records, then close it.
-  if (min_e.name[0] != 0 && time / 60 != min_e.time / 60) finish_minute(db);
+  if (min_e.name[0] != 0 && time / 60 != min_e.time / 60) finish_minute(*this, db);
 
   int rc = DB_WRITE_APPENDED;
   if (min_e.name[0] == 0) {
-    rc = open_minute(db, time);
+    rc = open_minute(*this, db, time);
     if (rc < 0) return rc;
   }
 
@@ -69,7 +71,7 @@ int fs_app::db_write(fs_db* db, int time, int len, const void* block) {
   for (int ch = 0; ch < chans; ch++) rec_add_count(min_e, ch, h.count[ch]);
 
   if (db->d_query(min_e, min_e.size, len) != 0) {
-    refuse_minute(db);
+    refuse_minute(*this, db);
     return DB_WRITE_REFUSED;
   }
 
@@ -108,13 +110,13 @@ int fs_app::db_write(fs_db* db, int time, int len, const void* block) {
 // write); then, without recycling left, the overwritable disk whose oldest hour is
 // oldest, to be recycled (the current disk too when it is full, not when its write
 // failed). Returns its row, or -1 when there is none.
-int fs_app::next_disk(int r, disk_order& order, bool* recycle) {
+int next_disk(fs_app& a, int r, disk_order& order, bool* recycle) {
   if (!order.built) {
     order.built = true;
     std::vector<std::pair<int, int>> last;  // row, q_last
-    for (int i = 0; i < db_cnt; i++) {
-      fs_db* db = db_info[i].db;
-      if (db == nullptr || db == cur_db || !db->q_writable()) continue;
+    for (int i = 0; i < a.db_cnt; i++) {
+      fs_db* db = a.db_info[i].db;
+      if (db == nullptr || db == a.cur_db || !db->q_writable()) continue;
       last.push_back({i, db->q_last()});
     }
     std::stable_sort(last.begin(), last.end(),
@@ -126,16 +128,16 @@ int fs_app::next_disk(int r, disk_order& order, bool* recycle) {
   *recycle = false;
   if (order.next < order.rows.size()) {
     int chosen = order.rows[order.next++];
-    fs_log("write", 778, "HDD%d: %s\n", chosen, db_info[chosen].model);
+    fs_log("write", 778, "HDD%d: %s\n", chosen, a.db_info[chosen].model);
     return chosen;
   }
   int chosen = -1, best_first = 0;
-  for (int i = 0; i < db_cnt; i++) {
-    fs_db* db = db_info[i].db;
+  for (int i = 0; i < a.db_cnt; i++) {
+    fs_db* db = a.db_info[i].db;
     if (db == nullptr || !db->q_overwritable()) continue;
-    if (r == DB_WRITE_FAILED && db == cur_db) continue;
+    if (r == fs_app::DB_WRITE_FAILED && db == a.cur_db) continue;
     int first = db->q_first();
-    fs_log("write", 790, "HDD%d: %s, first=%d\n", i, db_info[i].model, first);
+    fs_log("write", 790, "HDD%d: %s, first=%d\n", i, a.db_info[i].model, first);
     if (chosen < 0 || best_first < 0 || first < best_first) {
       chosen = i;
       best_first = first;
@@ -150,7 +152,7 @@ int fs_app::write(int time, int len, const void* block) {
   // any state changes, as the caller's mistake rather than a disk failure.
   if (block == nullptr || len < static_cast<int>(sizeof(head_t)) || len > kMaxBlock) return -1;
 
-  if (fs_access("/zconf/rd/fs/test", R_OK) == 0) {
+  if (fs_access(TEST_MODE_MARKER, R_OK) == 0) {
     // Test mode: the time of day runs ten times faster, wrapping within the day.
     long long day = static_cast<long long>(time / 86400) * 86400;
     time = static_cast<int>(day + ((static_cast<long long>(time) - day) * 10) % 86400);
@@ -175,7 +177,7 @@ int fs_app::write(int time, int len, const void* block) {
     r = db_write(cur_db, time, len, block);
     if (r >= 0) break;
     bool recycle = false;
-    int chosen = next_disk(r, order, &recycle);
+    int chosen = next_disk(*this, r, order, &recycle);
     // Nothing to choose, or a disk to recycle that holds no hour any more: recycling
     // could not make room, and trying again would never end.
     bool empty = false;
@@ -184,7 +186,7 @@ int fs_app::write(int time, int len, const void* block) {
       empty = db_info[chosen].db->x_read(0, x) != 0 || x.num < 1;
     }
     if (chosen < 0 || empty) break;
-    clear_writer(false);
+    clear_writer(*this, false);
     // The time of this block stays: a failure on the new disk must still hold off
     // further blocks of the same minute.
     write_time.store(time, std::memory_order_relaxed);

@@ -1,4 +1,5 @@
 // fs_db life cycle, the superblock and table headers.
+#include <ringrec/app_interface.h>
 #include <ringrec/fs_db.h>
 #include <stdlib.h>
 #include <string.h>
@@ -73,7 +74,7 @@ int fs_db::format() {
   // in whole 4 MiB units (division truncates towards zero, also for tiny devices).
   long long size = sub64(io->seek(0, SEEK_END), kOutside) / kUnit * kUnit;
   // Test mode confines recording to the first 3 GiB of the disk.
-  if (fs_access("/zconf/rd/fs/test", R_OK) == 0) size = 0xC0000000LL;
+  if (fs_access(TEST_MODE_MARKER, R_OK) == 0) size = 0xC0000000LL;
   sb.size = size;
   sb.head = kRingStart;
   sb.tail = kRingStart;

@@ -37,14 +37,14 @@ TEST(AdpcmAgainstFfmpeg, DecodedFramesTrackTheEncodedSignal) {
     raw += static_cast<char>(src[t] & 0xff);
     raw += static_cast<char>((src[t] >> 8) & 0xff);
   }
-  media::write_file(dir / "sig.raw", raw);
+  kit::write_file(dir / "sig.raw", raw);
   // A 256-byte block (the encoder wants a power of two): predictor (2), step index (1),
   // reserved (1), 252 code bytes.
   std::string cmd = "ffmpeg -v error -y -f s16le -ar 8000 -ac 1 -i " + (dir / "sig.raw") +
                     " -c:a adpcm_ima_wav -block_size 256 " + (dir / "sig.wav");
   ASSERT_EQ(system(cmd.c_str()), 0) << cmd;
   // The blocks are the WAV file's "data" chunk.
-  std::string wav = media::read_file(dir / "sig.wav"), blocks;
+  std::string wav = kit::read_file(dir / "sig.wav"), blocks;
   for (size_t off = 12; off + 8 <= wav.size();) {
     size_t len = (wav[off + 4] & 0xff) | (wav[off + 5] & 0xff) << 8 | (wav[off + 6] & 0xff) << 16 |
                  size_t(wav[off + 7] & 0xff) << 24;

@@ -7,8 +7,6 @@
 
 #include <gtest/gtest.h>
 #include <string.h>
-#include <sys/ipc.h>
-#include <sys/sem.h>
 
 #include <string>
 #include <vector>
@@ -114,41 +112,16 @@ inline std::vector<block> scene(int t0, int seconds, int channels, int gop = 4, 
 }
 
 // A recorder on a one-disk board whose wall clock follows the blocks it is given.
-struct Fixture : ::testing::Test {
-  kit::FakeClock clock{rec::kHour0, 1000000};
-  kit::Board board{1, 256LL << 20};
-  fs_app* app = new fs_app();
-  ~Fixture() override {
-    app->db_close();
-    delete app;
-  }
-  void start(int channels = 4) {
-    app->set(channels);
-    ASSERT_EQ(1, app->db_open("w"));
-    rec::format_all(*app);
-  }
-  void record(const std::vector<block>& blocks) {
-    for (const block& b : blocks) {
+struct Fixture : rec::Recorder {
+  void start(int channels = 4) { ASSERT_EQ(1, rec::open_formatted(*app, channels)); }
+  void record(const std::vector<block>& v) {
+    for (const block& b : v) {
       kit::FakeClock::wall = b.time;
       kit::FakeClock::mono_ms += 1000;
       ASSERT_EQ(0, app->write(b.time, static_cast<int>(b.bytes.size()), b.bytes.data()));
     }
     app->flush();
   }
-};
-
-// The application's progress semaphore set, created the way the application does
-// (two semaphores keyed by the board's "/." and project id 66), removed afterwards.
-struct SemSet {
-  int id = -1;
-  explicit SemSet(const std::string& root) {
-    key_t key = ftok((root + "/.").c_str(), 66);
-    id = semget(key, 2, IPC_CREAT | 0600);
-  }
-  ~SemSet() {
-    if (id >= 0) semctl(id, 0, IPC_RMID);
-  }
-  int get(int n) const { return semctl(id, n, GETVAL); }
 };
 
 }  // namespace bk

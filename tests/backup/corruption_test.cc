@@ -74,7 +74,7 @@ TEST_F(Damage, BackupReadersSurviveDamagedHeadsFramesAndMinuteTables) {
   long long recorded = 0;
   for (const block& b : blocks) recorded += static_cast<long long>(b.bytes.size());
 
-  std::string img = board.image("sda");
+  std::string img = board->image("sda");
   std::mt19937 rng(2024);
   int changed = 0, runs = 0, kinds[3] = {0, 0, 0};
   kit::StderrCapture quiet;

@@ -176,7 +176,7 @@ TEST_F(Select, DamagedHeadsEndTheEntryWithoutReadingPastIt) {
   std::vector<rec::hour_view> v = rec::read_volume("/dev/sda");
   const rec::minute_view& m = v[0].minutes[0];
   ASSERT_GT(m.offsets.size(), 5u);
-  std::string img = board.image("sda");
+  std::string img = board->image("sda");
   long long base = m.e.offset;
   long long off3 = m.offsets[3];
   // Wrong sync word.
@@ -255,7 +255,7 @@ struct Progress : ::testing::Test {
 };
 
 TEST_F(Progress, ReportsAreThrottledAndPostedToTheApplicationsSet) {
-  bk::SemSet sem(board.root());
+  kit::SemSet sem(board.root());
   ASSERT_GE(sem.id, 0);
   struct step {
     int v, ret;

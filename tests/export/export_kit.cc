@@ -17,20 +17,16 @@ std::vector<src_frame> expected(const std::vector<rec::written>& blocks, int beg
   for (const rec::written& w : blocks) {
     head_t h = rec::head_of(w.bytes);
     if (h.time < beg || h.time > end) continue;
-    size_t pos = 288, stop = 288 + static_cast<size_t>(h.size);
-    while (pos + 44 <= stop) {
-      src_frame s;
-      memcpy(&s.f, w.bytes.data() + pos, 44);
-      s.time = h.time;
-      s.data = w.bytes.substr(pos + 44, s.f.len);
-      pos += 44 + s.f.len;
-      if (static_cast<int>(s.f.ch) != ch) continue;
-      bool video = s.f.type != 2;
-      if (video && static_cast<int>(s.f.stream) != stream) continue;
-      if (!started && !(s.f.type == 0 || s.f.type == 11)) continue;
+    const unsigned char* data = reinterpret_cast<const unsigned char*>(w.bytes.data()) + 288;
+    block_frames(h, data, [&](const frame_head_t& f, const char* p) {
+      bool video = f.type != 2;
+      if (static_cast<int>(f.ch) != ch || (video && static_cast<int>(f.stream) != stream))
+        return true;
+      if (!started && !(f.type == 0 || f.type == 11)) return true;
       started = true;
-      v.push_back(s);
-    }
+      v.push_back(src_frame{h.time, f, std::string(p, f.len)});
+      return true;
+    });
   }
   return v;
 }

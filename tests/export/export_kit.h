@@ -16,27 +16,11 @@
 
 namespace xk {
 
-struct Recorder : ::testing::Test {
-  kit::FakeClock clock{rec::kHour0, 1000000};
-  kit::Board board{1, 512LL << 20};
-  fs_app* app = new fs_app();
+// Exports need room: one 512 MiB disk.
+struct Recorder : rec::Recorder {
   kit::TempDir out;
-  std::vector<rec::written> blocks;
-  ~Recorder() override {
-    app->bk_clr();
-    app->db_close();
-    delete app;
-  }
-  void start(int channels) {
-    app->set(channels);
-    ASSERT_EQ(1, app->db_open("w"));
-    rec::format_all(*app);
-  }
-  void record(sim::capture& cap, int seconds) {
-    std::vector<rec::written> w = rec::record(*app, cap, seconds);
-    blocks.insert(blocks.end(), w.begin(), w.end());
-    app->flush();  // the open minute's size and counts reach its entry
-  }
+  Recorder() { make_board(1, 512LL << 20); }
+  void start(int channels) { ASSERT_EQ(1, rec::open_formatted(*app, channels)); }
 };
 
 // One frame of a recorded block.

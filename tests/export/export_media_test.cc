@@ -43,7 +43,7 @@ std::vector<std::string> hashes(const kit::TempDir& dir, const std::string& inpu
   std::string out =
       media::run("ffmpeg -v error " + input + " -map 0:v -f framemd5 - 2>" + err, &st);
   EXPECT_EQ(st, 0);
-  EXPECT_EQ(media::read_file(err), "") << input;
+  EXPECT_EQ(kit::read_file(err), "") << input;
   std::vector<std::string> h;
   std::istringstream in(out);
   for (std::string line; std::getline(in, line);)
@@ -91,7 +91,7 @@ struct Media : xk::Recorder {
              bool exact_audio = true) {
     std::vector<xk::src_frame> want = xk::expected(blocks, beg, end, ch, stream);
     std::string es = out / "want.es";
-    media::write_file(es, xk::video_stream(want));
+    kit::write_file(es, xk::video_stream(want));
     int w = stream == 2 ? 320 : 160, h = stream == 2 ? 240 : 120;
     EXPECT_EQ(probe(mp4, "v:0", "codec_name,width,height,nb_read_frames"),
               "codec_name=" + std::string(c.probe) + "\nwidth=" + std::to_string(w) +

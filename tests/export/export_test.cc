@@ -3,8 +3,6 @@
 // the TARVO single-file plan, the multi-slot writer's audio pieces, progress and cancel.
 #include <gtest/gtest.h>
 #include <ringrec/ringrec.h>
-#include <sys/ipc.h>
-#include <sys/sem.h>
 #include <sys/stat.h>
 
 #include <string>
@@ -88,25 +86,12 @@ TEST_F(Export, TwoPhaseFilesHoldThePlannedBytesAndEveryFrameFromTheFirstKeyFrame
   EXPECT_GE(reports, 3);
 }
 
-// The application's progress semaphore set (percent, result), keyed by the board's "/.".
-struct SemSet {
-  int id = -1;
-  explicit SemSet(const std::string& root) {
-    key_t key = ftok((root + "/.").c_str(), 66);
-    id = semget(key, 2, IPC_CREAT | 0600);  // a set left by a crashed run is reused
-  }
-  ~SemSet() {
-    if (id >= 0) semctl(id, 0, IPC_RMID);
-  }
-  int get(int n) const { return semctl(id, n, GETVAL); }
-};
-
 TEST_F(Export, ProgressReachesTheApplicationsSemaphoreSet) {
   start(2);
   sim::capture cap;
   shape(cap, 264, 352, 288, 0);
   record(cap, 30);
-  SemSet sem(board.root());
+  kit::SemSet sem(board->root());
   ASSERT_GE(sem.id, 0) << "cannot create a semaphore set";
   std::vector<char> plan(4096);
   ASSERT_EQ(1, app->bk_phase_one("", t0, t0 + 29, 0x1, plan.data()));
@@ -169,13 +154,13 @@ TEST_F(Export, APictureSizeChangeStartsANewFileUnlessTheMarkerSaysOtherwise) {
   EXPECT_EQ(200u, facts(multi[1].path).video_samples);
 
   // With the marker: one file, named ".avi", MP4 inside.
-  board.touch("/zconf/custom/R8kWq2Nv5T");
+  board->touch("/zconf/custom/R8kWq2Nv5T");
   std::vector<out_file> avi = xk::two_phase(*app, out.path(), t0, t0 + 79, 0x1, false, &plan);
   ASSERT_EQ(1u, avi.size()) << plan;
   EXPECT_EQ("20231114_22h00m00s_ch01_352x288x5.avi", base(avi[0].path));
   EXPECT_EQ(400u, facts(avi[0].path).video_samples);
   EXPECT_EQ(1u, xk::single_pass(*app, out.path(), t0, t0 + 79, 0).size());
-  board.unlink("/zconf/custom/R8kWq2Nv5T");
+  board->unlink("/zconf/custom/R8kWq2Nv5T");
 }
 
 TEST_F(Export, ACodecChangeEndsASinglePassFile) {
@@ -323,11 +308,11 @@ TEST_F(Export, TheCancelMarkerStopsASinglePassRunBetweenMinutes) {
   sim::capture cap;
   shape(cap, 264, 352, 288, 0);
   record(cap, 150);
-  board.touch("/tmp/bk_cancel");
+  board->touch("/tmp/bk_cancel");
   kit::StderrCapture err;
   std::vector<out_file> v = xk::single_pass(*app, out.path(), t0, t0 + 149, 0);
   std::string log = err.take();
-  board.unlink("/tmp/bk_cancel");
+  board->unlink("/tmp/bk_cancel");
   EXPECT_TRUE(v.empty());
   EXPECT_NE(std::string::npos, log.find("bk_write[3420]: m_bk.bf[0].cur.on = 0"));
   EXPECT_EQ(1, kit::count(log, "bk_write[3447]: "));  // the first entry, then the stop

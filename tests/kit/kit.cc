@@ -1,15 +1,16 @@
 #include "kit/kit.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <mutex>
-
-#include <gtest/gtest.h>
 
 namespace kit {
 
@@ -104,6 +105,33 @@ std::string StderrCapture::take() {
 }
 
 StderrCapture::~StderrCapture() { take(); }
+
+std::string read_file(const std::string& path) {
+  std::string s;
+  FILE* f = fopen(path.c_str(), "rb");
+  if (f == nullptr) return s;
+  char b[65536];
+  size_t n;
+  while ((n = fread(b, 1, sizeof b, f)) > 0) s.append(b, n);
+  fclose(f);
+  return s;
+}
+
+void write_file(const std::string& path, const std::string& bytes) {
+  FILE* f = fopen(path.c_str(), "wb");
+  if (f == nullptr || fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size())
+    ADD_FAILURE() << "cannot write " << path;
+  if (f != nullptr) fclose(f);
+}
+
+SemSet::SemSet(const std::string& root) {
+  key_t key = ftok((root + "/.").c_str(), 66);
+  id = semget(key, 2, IPC_CREAT | 0600);  // a set left by a crashed run is reused
+}
+SemSet::~SemSet() {
+  if (id >= 0) semctl(id, 0, IPC_RMID);
+}
+int SemSet::get(int n) const { return semctl(id, n, GETVAL); }
 
 int count(const std::string& hay, const std::string& needle) {
   int n = 0;
@@ -284,8 +312,8 @@ void copy_image(const std::string& base, const std::string& dst, long long bytes
   ::close(out);
 }
 
-void WriteRecorder::replay(const std::string& path, const std::string& base,
-                           const std::string& dst, long long bytes, size_t k) const {
+void WriteRecorder::replay(const std::string& path, const std::string& base, const std::string& dst,
+                           long long bytes, size_t k) const {
   copy_image(base, dst, bytes);
   int fd = ::open(dst.c_str(), O_RDWR);
   if (fd < 0) {

@@ -3,13 +3,12 @@
 #ifndef RINGREC_TESTS_KIT_H
 #define RINGREC_TESTS_KIT_H
 
+#include <ringrec/fs_io.h>
 #include <stdint.h>
 #include <string.h>
 
 #include <string>
 #include <vector>
-
-#include <ringrec/fs_io.h>
 
 #include "sim/board.h"
 
@@ -17,20 +16,20 @@ namespace kit {
 
 // A fresh directory under $TMPDIR, removed with everything in it.
 class TempDir {
-public:
+ public:
   TempDir();
   ~TempDir();
   const std::string& path() const { return path_; }
   std::string operator/(const std::string& rel) const { return path_ + "/" + rel; }
 
-private:
+ private:
   std::string path_;
 };
 
 // A simulated board in a temporary directory, selected through RINGREC_ROOT for the
 // object's lifetime. Disks are named sda, sdb, ...
 class Board {
-public:
+ public:
   explicit Board(const std::vector<sim::disk_spec>& disks);
   Board(int disks, long long bytes);  // plain internal disks with a model text
   ~Board();
@@ -39,7 +38,7 @@ public:
   void touch(const std::string& logical) const;  // creates a marker file
   void unlink(const std::string& logical) const;
 
-private:
+ private:
   TempDir dir_;
 };
 
@@ -48,16 +47,29 @@ void make_image(const std::string& path, long long bytes);
 
 // Captures everything written to file descriptor 2 until take() or destruction.
 class StderrCapture {
-public:
+ public:
   StderrCapture();
   ~StderrCapture();
   std::string take();  // stops capturing and returns the text
 
-private:
+ private:
   int saved_ = -1;
   std::string file_;
   bool done_ = false;
   std::string text_;
+};
+
+// A whole file's bytes ("" when it cannot be read), and a file made of bytes.
+std::string read_file(const std::string& path);
+void write_file(const std::string& path, const std::string& bytes);
+
+// The application's progress semaphore set (percent, result) as the application makes
+// it: two semaphores keyed by the board's "/." and project 66; removed afterwards.
+struct SemSet {
+  int id = -1;
+  explicit SemSet(const std::string& root);
+  ~SemSet();
+  int get(int n) const;
 };
 
 // Number of occurrences of needle in hay.
@@ -77,7 +89,7 @@ T get(const std::string& path, long long off) {
 // Controllable clocks and pauses through the system-call table. While a FakeClock
 // lives, time() returns wall, utime() returns mono_ms, and usleep only counts.
 class FakeClock {
-public:
+ public:
   FakeClock(long long wall, long long mono_ms);
   ~FakeClock();
   static long long wall;
@@ -92,7 +104,7 @@ public:
 // writes to it had reached the disk: a power cut after write k with every earlier
 // write kept (crash.h gives the subsets a real disk may keep).
 class WriteRecorder {
-public:
+ public:
   struct Op {
     std::string path;
     long long off;
@@ -128,7 +140,7 @@ void copy_image(const std::string& base, const std::string& dst, long long bytes
 // Makes positioned writes fail (return -1) from the n-th call on (0-based), counting
 // from construction; reads keep working. Used to inject a failing disk.
 class FailWrites {
-public:
+ public:
   explicit FailWrites(long long after, const std::string& path_substr = std::string());
   ~FailWrites();
 };

@@ -3,9 +3,12 @@
 #ifndef RINGREC_TESTS_KIT_RECORDER_H
 #define RINGREC_TESTS_KIT_RECORDER_H
 
+#include <gtest/gtest.h>
 #include <ringrec/fs_app.h>
 
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kit/kit.h"
@@ -36,6 +39,34 @@ int open_formatted(fs_app& app, int channels);
 // fake wall clock with the capture time. Every block must be accepted unless
 // `expect_ok` is false. Returns the blocks written in order.
 std::vector<written> record(fs_app& app, sim::capture& cap, int seconds, bool expect_ok = true);
+
+// The recorder of the suites: a service on a simulated board (one 256 MiB disk unless
+// make_board says otherwise), on a fake clock starting at kHour0.
+struct Recorder : ::testing::Test {
+  kit::FakeClock clock{kHour0, 1000000};
+  std::unique_ptr<kit::Board> board{new kit::Board(1, 256LL << 20)};
+  fs_app* app = new fs_app();
+  std::vector<written> blocks;  // what record() handed to write, in order
+  ~Recorder() override {
+    app->bk_clr();
+    app->db_close();
+    delete app;
+  }
+  // The old board goes first: its end clears RINGREC_ROOT.
+  template <typename... A>
+  void make_board(A&&... a) {
+    board.reset();
+    board.reset(new kit::Board(std::forward<A>(a)...));
+  }
+  // Opens and formats every disk of the board for `channels` channels.
+  void start(int channels) { ASSERT_GE(open_formatted(*app, channels), 1); }
+  // Records `seconds` of cap's capture, keeping the blocks; flushes the open minute.
+  void record(sim::capture& cap, int seconds, bool expect_ok = true) {
+    std::vector<written> w = rec::record(*app, cap, seconds, expect_ok);
+    blocks.insert(blocks.end(), w.begin(), w.end());
+    app->flush();
+  }
+};
 
 // Read-back through a volume opened read-only.
 struct minute_view {

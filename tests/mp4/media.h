@@ -32,24 +32,6 @@ inline std::string run(const std::string& cmd, int* status = nullptr) {
   return out;
 }
 
-inline std::string read_file(const std::string& path) {
-  std::string s;
-  FILE* f = fopen(path.c_str(), "rb");
-  if (!f) return s;
-  char b[65536];
-  size_t n;
-  while ((n = fread(b, 1, sizeof b, f)) > 0) s.append(b, n);
-  fclose(f);
-  return s;
-}
-
-inline void write_file(const std::string& path, const std::string& data) {
-  FILE* f = fopen(path.c_str(), "wb");
-  if (!f) return;
-  fwrite(data.data(), 1, data.size(), f);
-  fclose(f);
-}
-
 }  // namespace media
 
 #endif

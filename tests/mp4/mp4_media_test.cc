@@ -76,7 +76,7 @@ std::vector<std::string> frame_hashes(const kit::TempDir& dir, const std::string
   std::string out = media::run(
       "ffmpeg -v error -i " + file + " -map 0:v -f framemd5 - 2>" + (dir / "decode.err"), &st);
   EXPECT_EQ(st, 0);
-  EXPECT_EQ(media::read_file(dir / "decode.err"), "") << file;
+  EXPECT_EQ(kit::read_file(dir / "decode.err"), "") << file;
   std::vector<std::string> h;
   std::istringstream in(out);
   for (std::string line; std::getline(in, line);)
@@ -88,7 +88,7 @@ void check_video(const Codec& c) {
   REQUIRE_FFMPEG();
   kit::TempDir dir;
   std::string es = encode(dir, c);
-  std::vector<annexb::frame> frames = annexb::split(media::read_file(es), c.name[0] == 'h');
+  std::vector<annexb::frame> frames = annexb::split(kit::read_file(es), c.name[0] == 'h');
   ASSERT_EQ(frames.size(), 75u);
   for (size_t i = 0; i < frames.size(); i++)
     EXPECT_EQ(frames[i].kind % 10 == 0 || frames[i].kind == 11, i % 25 == 0) << i;
@@ -110,7 +110,7 @@ TEST(RealStreams, H265FromX265DecodesToTheSourceFrames) { check_video(kH265); }
 TEST(RealStreams, PcmTrackDecodesToTheSamplesAdded) {
   REQUIRE_FFMPEG();
   kit::TempDir dir;
-  std::vector<annexb::frame> frames = annexb::split(media::read_file(encode(dir, kH264)), false);
+  std::vector<annexb::frame> frames = annexb::split(kit::read_file(encode(dir, kH264)), false);
   // One recorded audio frame's worth of PCM per picture: 321 samples, a slow sweep.
   std::vector<std::string> audio;
   std::string all;

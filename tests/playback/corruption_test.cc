@@ -183,8 +183,8 @@ int exercise(fs_app& app, std::mt19937& r, int at) {
 TEST_F(Scenario, SeededDamageNeverCrashesReadsAstrayOrWrites) {
   app->db_close();
   kit::StderrCapture quiet;
-  std::vector<place> places = places_of("/dev/sda", board.image("sda"));
-  std::vector<place> more = places_of("/dev/sdb", board.image("sdb"));
+  std::vector<place> places = places_of("/dev/sda", board->image("sda"));
+  std::vector<place> more = places_of("/dev/sdb", board->image("sdb"));
   places.insert(places.end(), more.begin(), more.end());
   ASSERT_GT(places.size(), 1000u);
   std::vector<std::vector<size_t>> by_cat(7);
@@ -212,7 +212,7 @@ TEST_F(Scenario, SeededDamageNeverCrashesReadsAstrayOrWrites) {
     for (int i = 0; i < k; i++) {
       const std::vector<size_t>& c = by_cat[r() % by_cat.size()];
       const place& p = places[c[r() % c.size()]];
-      undo.push_back(damage(p, r, p.img == board.image("sda") ? key : key1));
+      undo.push_back(damage(p, r, p.img == board->image("sda") ? key : key1));
       at = p.time;
     }
     fs_app a;

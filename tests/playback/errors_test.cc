@@ -18,7 +18,7 @@ long long head_at(fs_app& app) {
 TEST_F(Scenario, TornBlocksAreRetriedThenGivenUp) {
   ASSERT_EQ(0, app->r_set(kStart + 95, 0));
   ASSERT_NE(nullptr, app->r_head());
-  const std::string img = board.image("sdb");
+  const std::string img = board->image("sdb");
   long long at = head_at(*app);
   int prev_size = app->r_cur.tail[1];
   std::string tail = kit::read_at(img, at - 8, 8);
@@ -64,8 +64,8 @@ TEST_F(Scenario, StepBackIntoAMinuteWithATornLastTail) {
   ASSERT_EQ(kStart + 150, m00.e.time);
   long long region = m00.e.offset;
   long long end = region + m00.e.size;
-  std::string tail = kit::read_at(board.image("sdb"), end - 8, 8);
-  kit::write_at(board.image("sdb"), end - 8, "\0\0\0\0\x10\0\0\0", 8);
+  std::string tail = kit::read_at(board->image("sdb"), end - 8, 8);
+  kit::write_at(board->image("sdb"), end - 8, "\0\0\0\0\x10\0\0\0", 8);
   kit::StderrCapture err;
   kit::FakeClock::sleeps = 0;
   ASSERT_EQ(0, app->r_next(-1));
@@ -76,7 +76,7 @@ TEST_F(Scenario, StepBackIntoAMinuteWithATornLastTail) {
   EXPECT_EQ(2, kit::FakeClock::sleeps);
   // Valid or not, the tail's size places the cursor.
   EXPECT_EQ(m00.e.size - 296 - 16, app->r_cur.off);
-  kit::write_at(board.image("sdb"), end - 8, tail.data(), 8);
+  kit::write_at(board->image("sdb"), end - 8, tail.data(), 8);
 }
 
 TEST_F(Scenario, StepOntoTheEndRereadsTheMinuteEntry) {

@@ -19,20 +19,13 @@ const int kStart = rec::kHour0 + 3600 - 150;
 const int kSwitch = kStart + 60;
 const int kEnd = kStart + 270;
 
-struct Scenario : ::testing::Test {
-  kit::FakeClock clock{kStart, 1000000};
-  kit::Board board{2, 128LL << 20};
-  fs_app* app = new fs_app();
-  std::vector<rec::written> w;  // every block handed to write, in order
+struct Scenario : rec::Recorder {
+  std::vector<rec::written>& w = blocks;  // every block handed to write, in order
 
-  ~Scenario() override {
-    app->db_close();
-    delete app;
-  }
   void SetUp() override {
-    app->set(4);
-    ASSERT_EQ(2, app->db_open("w"));
-    rec::format_all(*app);
+    kit::FakeClock::wall = kStart;
+    make_board(2, 128LL << 20);
+    ASSERT_EQ(2, rec::open_formatted(*app, 4));
     sim::capture cap;
     ASSERT_EQ(0, cap.open(rec::small_spec(4), kStart * 1000LL, nullptr));
     kit::StderrCapture quiet;

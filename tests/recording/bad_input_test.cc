@@ -6,22 +6,16 @@
 
 namespace {
 
-struct BadInput : ::testing::Test {
-  kit::FakeClock clock{rec::kHour0, 1000000};
-  fs_app* app = new fs_app();
+struct BadInput : rec::Recorder {
   sim::capture cap;
-  ~BadInput() override {
-    app->db_close();
-    delete app;
-  }
   void open_board() {
-    ASSERT_GE(rec::open_formatted(*app, 2), 1);
+    start(2);
     ASSERT_EQ(0, cap.open(rec::small_spec(2), (rec::kHour0 + 300) * 1000LL, nullptr));
   }
 };
 
 TEST_F(BadInput, ShortOversizedAndMislabelledBlocks) {
-  kit::Board board(1, 128LL << 20);
+  make_board(1, 128LL << 20);
   open_board();
   std::vector<rec::written> a = rec::record(*app, cap, 60);
   std::vector<std::string> blocks;
@@ -51,12 +45,12 @@ TEST_F(BadInput, ShortOversizedAndMislabelledBlocks) {
   ASSERT_EQ(c.size(), fc.size());
   for (size_t i = 0; i < c.size(); i++) EXPECT_EQ(c[i].bytes, fc[i]);
   // The odd block sits whole at the start of its minute.
-  EXPECT_EQ(odd, kit::read_at(board.image("sda"), v[0].minutes[1].e.offset + 17104,
+  EXPECT_EQ(odd, kit::read_at(board->image("sda"), v[0].minutes[1].e.offset + 17104,
                               static_cast<int>(odd.size())));
 }
 
 TEST_F(BadInput, FailingDiskStopsTheMinuteAndRecordingResumesAfterwards) {
-  kit::Board board(1, 128LL << 20);
+  make_board(1, 128LL << 20);
   open_board();
   std::vector<rec::written> a = rec::record(*app, cap, 60);
   app->flush();  // what is durable before the disk fails
@@ -96,7 +90,7 @@ TEST_F(BadInput, FailingDiskStopsTheMinuteAndRecordingResumesAfterwards) {
 }
 
 TEST_F(BadInput, FailingDiskHandsOverToTheNextDisk) {
-  kit::Board board(2, 128LL << 20);
+  make_board(2, 128LL << 20);
   open_board();
   rec::record(*app, cap, 30);
   kit::FailWrites fail(0, "/dev/sda");
@@ -114,8 +108,8 @@ TEST_F(BadInput, FailingDiskHandsOverToTheNextDisk) {
 }
 
 TEST_F(BadInput, MissingPartitionListMeansNoStorage) {
-  kit::Board board(1, 64LL << 20);
-  board.unlink("/proc/partitions");
+  make_board(1, 64LL << 20);
+  board->unlink("/proc/partitions");
   kit::StderrCapture err;
   EXPECT_EQ(0, app->db_open("w"));
   EXPECT_EQ(0, app->db_check());

@@ -16,17 +16,9 @@ std::vector<int> hours_on(const char* dev) {
   return out;
 }
 
-struct FullDisks : ::testing::Test {
-  kit::FakeClock clock{rec::kHour0, 1000000};
-  fs_app* app = new fs_app();
+struct FullDisks : rec::Recorder {
   sim::capture cap;
-  ~FullDisks() override {
-    app->db_close();
-    delete app;
-  }
-  void open_board() {
-    ASSERT_GE(rec::open_formatted(*app, 4), 1);
-  }
+  void open_board() { start(4); }
   // Two minutes at the start of each hour: each hour takes three 4 MiB regions (its
   // minute table and two minutes), so a 64 MiB volume (13 regions) holds four hours.
   void record_hours(int from, int to, bool expect_ok = true) {
@@ -39,7 +31,7 @@ struct FullDisks : ::testing::Test {
 };
 
 TEST_F(FullDisks, OneDiskRecyclesItsOldestHoursAndGoesOn) {
-  kit::Board board(1, 64LL << 20);
+  make_board(1, 64LL << 20);
   open_board();
   kit::StderrCapture err;
   record_hours(0, 10);
@@ -58,7 +50,7 @@ TEST_F(FullDisks, OneDiskRecyclesItsOldestHoursAndGoesOn) {
 }
 
 TEST_F(FullDisks, SecondDiskTakesOverThenTheOldestDiskIsRecycled) {
-  kit::Board board(2, 64LL << 20);
+  make_board(2, 64LL << 20);
   open_board();
   kit::StderrCapture err;
   record_hours(0, 7);
@@ -84,11 +76,11 @@ TEST_F(FullDisks, SecondDiskTakesOverThenTheOldestDiskIsRecycled) {
 }
 
 TEST_F(FullDisks, ReadOnlyDiskIsNeverWrittenAndWriteOnceDiskNeverRecycled) {
-  kit::Board board(3, 64LL << 20);
+  make_board(3, 64LL << 20);
   open_board();
   ASSERT_EQ(0, app->db_set(0, "WR"));
   ASSERT_EQ(0, app->db_set(2, "RDONLY"));
-  std::string ro_before = kit::read_at(board.image("sdc"), 0, 12 << 20);
+  std::string ro_before = kit::read_at(board->image("sdc"), 0, 12 << 20);
   kit::StderrCapture err;
   record_hours(0, 10);
   err.take();
@@ -99,11 +91,11 @@ TEST_F(FullDisks, ReadOnlyDiskIsNeverWrittenAndWriteOnceDiskNeverRecycled) {
   EXPECT_EQ(9, b.back());
   EXPECT_GT(b.front(), 4);
   EXPECT_TRUE(hours_on("/dev/sdc").empty());
-  EXPECT_EQ(ro_before, kit::read_at(board.image("sdc"), 0, 12 << 20));
+  EXPECT_EQ(ro_before, kit::read_at(board->image("sdc"), 0, 12 << 20));
 }
 
 TEST_F(FullDisks, NoRoomAnywhereFailsTheMinuteAndKeepsTheRecordings) {
-  kit::Board board(1, 64LL << 20);
+  make_board(1, 64LL << 20);
   open_board();
   ASSERT_EQ(0, app->db_set(0, "WR"));
   // Record whole hours until the write-once disk refuses one.

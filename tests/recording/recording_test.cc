@@ -11,18 +11,7 @@ namespace {
 using rec::hour_view;
 using rec::minute_view;
 
-struct Recorder : ::testing::Test {
-  kit::FakeClock clock{rec::kHour0, 1000000};
-  kit::Board board{1, 256LL << 20};
-  fs_app* app = new fs_app();
-  ~Recorder() override {
-    app->db_close();
-    delete app;
-  }
-  void start(int channels) {
-    ASSERT_EQ(1, rec::open_formatted(*app, channels));
-  }
-};
+using rec::Recorder;
 
 // The minutes of an hour entry by name.
 std::map<std::string, const minute_view*> by_name(const hour_view& h) {
@@ -231,8 +220,8 @@ TEST_F(Recorder, RestartInTheSameSecondTakesASuffixedMinute) {
 
 TEST_F(Recorder, MarkerFilesChangeNamesAndTimes) {
   start(1);
-  board.touch("/tmp/hdd");
-  board.touch("/zconf/rd/fs/test");
+  board->touch("/tmp/hdd");
+  board->touch("/zconf/rd/fs/test");
   sim::capture cap;
   int day0 = (rec::kHour0 / 86400) * 86400;
   ASSERT_EQ(0, cap.open(rec::small_spec(1), (day0 + 600) * 1000LL, nullptr));  // 00:10:00
@@ -274,7 +263,7 @@ TEST_F(Recorder, DiskReportModesAndIdleIndicator) {
   EXPECT_EQ(1, app->g_db_update());
   EXPECT_EQ(0, app->g_db_update());
   // The marked editions wait 30 s.
-  board.touch("/z/oem/JX");
+  board->touch("/z/oem/JX");
   rec::record(*app, cap, 1);
   kit::FakeClock::mono_ms += 29000;
   EXPECT_EQ(1, app->iswriting());

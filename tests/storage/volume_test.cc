@@ -28,14 +28,6 @@ TEST(Format, WritesBothSuperblockCopiesAndAnEmptyRootBoundToTheKey) {
   EXPECT_EQ(v.db.error(), 0);
 }
 
-TEST(Checksum, IsTheXorOfLittleEndianWords) {
-  const unsigned char b[] = {0x34, 0x12, 0x0F, 0xF0, 0xFF, 0xFF};
-  EXPECT_EQ(fs_db::checksum(b, 1), 0x1234u);
-  EXPECT_EQ(fs_db::checksum(b, 3), 0x1234u ^ 0xF00Fu ^ 0xFFFFu);
-  EXPECT_EQ(fs_db::checksum(b, 0), 0u);
-  EXPECT_EQ(fs_db::checksum(b, -3), 0u);
-}
-
 TEST(Format, SecondaryCopyIsFoundOnlyWhereItWasWrittenOnWholeUnitDevices) {
   // 64 MiB: written at 0x800000 + 52 MiB = D - 4 MiB, where it is looked for.
   Volume whole(64 * MiB);

@@ -13,6 +13,7 @@
 #include <future>
 #include <list>
 
+#include "../player.h"
 #include "serve.h"
 
 namespace serve {
@@ -26,40 +27,6 @@ const int kMaxBlock = 64 << 20;
 const int kLookBack = 300;
 const int kMaxSpan = 3600;
 const long long kMaxClipBytes = 1LL << 30;
-
-// The cursor walked block by block in one direction, across minutes. The library's
-// minute walk is circular: a minute that does not lie further on in time means the
-// recording has been walked to its end.
-struct walker {
-  fs_app& app;
-  int dir;
-  int32_t minute_time;
-  walker(fs_app& a, int d) : app(a), dir(d), minute_time(a.r_cur.min.time) {}
-  bool next_minute() {
-    if (app.r_next(dir) != 0) return false;
-    int32_t t = app.r_cur.min.time;
-    if (dir >= 0 ? t <= minute_time : t >= minute_time) return false;
-    minute_time = t;
-    return true;
-  }
-  bool step() { return app.r_seek(dir) == 0 || next_minute(); }
-  // The next frame block (not one of the library's own records); null at the end.
-  head_t* next(bool moved) {
-    for (int guard = 0; guard < 1000000; guard++) {
-      if (!moved && !step()) return nullptr;
-      moved = false;
-      head_t* h = app.r_head();
-      if (h == nullptr) {
-        // Damaged or still being written: on to the next minute.
-        if (!next_minute()) return nullptr;
-        moved = true;
-        continue;
-      }
-      if (!block_is_record(h->type)) return h;
-    }
-    return nullptr;
-  }
-};
 
 bool want_stream(const frame_head_t& f, bool sub) {
   return sub ? f.stream != BLOCK_STREAM_MAIN : f.stream != BLOCK_STREAM_SUB;
@@ -146,50 +113,40 @@ struct mp4_out {
 };
 
 clip_ptr build_forward(fs_app& app, const clip_request& r, reply* err) {
-  // From the first block after the second `from`, so that every block of that second
-  // (main and substream blocks alternate) is seen on the way back.
-  if (app.r_set(r.from + 1, 0) != 0 && app.r_set(r.from, 0) != 0) {
+  if (app.r_set(r.from, 0) != 0) {
     *err = error_reply(404, "nothing recorded at or after the start");
     return nullptr;
   }
   // Backwards from `from` to the channel's last key frame at or before it; when there
   // is none near, forwards to its first one after it.
   std::vector<char> buf;
-  int start = -1, last = r.from;
-  head_t* h = app.r_head();
-  walker back(app, -1);
-  for (bool moved = h != nullptr; (h = back.next(moved)) != nullptr; moved = false) {
-    if (h->time > r.from) continue;  // the block after a gap that the cursor stands on
-    if (h->time < r.from - kLookBack || h->time > last) break;
-    last = h->time;
+  int start = -1;
+  tool::player back(app, -1, false, 0, 0);
+  head_t* h;
+  for (h = back.start(r.from); h != nullptr && h->time >= r.from - kLookBack; h = back.next())
     if (has_key(app, *h, r.ch, r.sub, buf)) {
       start = h->time;
       break;
     }
-  }
   if (start < 0 && app.r_set(r.from, 0) == 0) {
-    walker fw(app, 1);
-    h = app.r_head();
-    for (bool moved = h != nullptr; (h = fw.next(moved)) != nullptr; moved = false) {
-      if (h->time > r.to) break;
-      if (h->time >= r.from && has_key(app, *h, r.ch, r.sub, buf)) {
+    tool::player fw(app, 1, false, 0, 0);
+    for (h = fw.start(r.from); h != nullptr && h->time <= r.to; h = fw.next())
+      if (has_key(app, *h, r.ch, r.sub, buf)) {
         start = h->time;
         break;
       }
-    }
   }
   if (start < 0) {
     *err = error_reply(404, "no key frame of channel " + std::to_string(r.ch) + " in the range");
     return nullptr;
   }
   app.r_set(start, 0);
-  walker fw(app, 1);
+  tool::player fw(app, 1, false, 0, 0);
   mp4_out out;
   std::vector<char> pcmbuf;
   bool stop = false;
-  for (bool moved = true; !stop && (h = fw.next(moved)) != nullptr; moved = false) {
-    if (h->time > r.to) break;
-    if (h->time < start || h->count[r.ch < 59 ? r.ch : 0] <= 0) continue;
+  for (h = fw.start(start); !stop && h != nullptr && h->time <= r.to; h = fw.next()) {
+    if (h->count[r.ch < 59 ? r.ch : 0] <= 0) continue;
     head_t head = *h;
     if (!read_block(app, head, buf)) continue;
     frames_of(buf, head.size, [&](const frame_head_t& f, const char* d, uint32_t len) {
@@ -239,19 +196,16 @@ struct key_frame {
 clip_ptr build_reverse(fs_app& app, const clip_request& r, reply* err) {
   int at = r.from, count = r.to;
   std::vector<key_frame> keys;
-  if (app.r_set(at + 1, 0) != 0 && app.r_set(at, 0) != 0) {
+  if (app.r_set(at, 0) != 0) {
     *err = error_reply(404, "nothing recorded at or after that time to go back from");
     return nullptr;
   }
-  walker w(app, -1);
+  tool::player back(app, -1, false, 0, 0);
   std::vector<char> buf;
-  head_t* h = app.r_head();
-  bool moved = h != nullptr;
-  int guard_time = at;
-  for (; static_cast<int>(keys.size()) < count && (h = w.next(moved)) != nullptr; moved = false) {
-    if (h->time > at) continue;
-    if (at - h->time > 86400 || h->time > guard_time) break;
-    guard_time = h->time;
+  head_t* h;
+  for (h = back.start(at);
+       static_cast<int>(keys.size()) < count && h != nullptr && at - h->time <= 86400;
+       h = back.next()) {
     head_t head = *h;
     if (!has_key(app, head, r.ch, r.sub, buf)) continue;
     frames_of(buf, head.size, [&](const frame_head_t& f, const char* d, uint32_t len) {
@@ -281,6 +235,10 @@ clip_ptr build_reverse(fs_app& app, const clip_request& r, reply* err) {
       break;
     if (out.put(k.f, k.data.data(), static_cast<uint32_t>(k.data.size()), k.time))
       out.c->times.push_back(k.time);
+  }
+  if (out.c->times.empty()) {
+    *err = error_reply(404, "the key frames of channel " + std::to_string(r.ch) + " do not read");
+    return nullptr;
   }
   out.c->end = out.c->times.back();
   clip_ptr c = out.finish();
@@ -389,37 +347,11 @@ std::string clip_json(const clip& c) {
 // or before `at` that carries any channel of mask, by the main stream's key-frame index.
 reply api_keyframe(fs_app& app, unsigned mask, int at, int dir) {
   if (app.r_set(at, 0) != 0) return error_reply(404, "nothing recorded there");
-  walker w(app, dir);
-  int m = static_cast<int>(mask);
-  head_t* h = app.r_head();
-  auto wanted = [&](const head_t& x) {
-    return (x.types & BLOCK_KEY_BITS) && x.stream != BLOCK_STREAM_SUB && (x.events & mask) &&
-           (dir > 0 ? x.time > at : x.time < at);
-  };
-  if (h == nullptr || !wanted(*h)) {
-    // Key-frame jumps start from the block the cursor stands on: a stepped slot
-    // re-aligns itself to the frame offset first.
-    app.r_cur.stepped[0] = app.r_cur.stepped[1] = 1;
-    h = nullptr;
-    for (int guard = 0; guard < 200000 && h == nullptr; guard++) {
-      fs_db* db = app.r_cur.db;
-      long long where = app.r_cur.min.offset;
-      int off = app.r_cur.off;
-      bool moved = app.r_Iseek(dir, true, m, 0) == 0 &&
-                   (app.r_cur.db != db || app.r_cur.min.offset != where || app.r_cur.off != off);
-      // Answered 0 without moving: no further key frame with these channels in the
-      // minute (or an index being re-aligned: a block step goes on).
-      if (!moved) {
-        int kind = app.r_iframe[1].kind;
-        if (!((kind != 13 && kind != 14 && app.r_seek(dir) == 0) || w.next_minute())) break;
-      }
-      head_t* x = app.r_head();
-      if (x == nullptr) continue;
-      if ((dir > 0 ? x->time - at : at - x->time) > 7200) break;
-      if (!block_is_record(x->type) && wanted(*x)) h = x;
-    }
-  }
-  if (h == nullptr) return error_reply(404, "no key frame with those channels within two hours");
+  tool::player p(app, dir, true, mask, 0);
+  head_t* h = p.start(at);
+  while (h != nullptr && h->time == at) h = p.next();
+  if (h == nullptr || (dir > 0 ? h->time - at : at - h->time) > 7200)
+    return error_reply(404, "no key frame with those channels within two hours");
   reply r;
   r.body = "{\"time\": " + std::to_string(h->time) + "}\n";
   return r;

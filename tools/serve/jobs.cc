@@ -19,12 +19,10 @@
 
 namespace serve {
 
-namespace {
+using tool::board_path;
+using tool::json_str;
 
-std::string board_path(const char* logical) {
-  const char* root = getenv("RINGREC_ROOT");
-  return std::string(root ? root : "") + logical;
-}
+namespace {
 
 union semun_arg {
   int val;

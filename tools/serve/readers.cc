@@ -10,29 +10,13 @@
 
 namespace serve {
 
+using tool::json_str;
+
 reply error_reply(int status, const std::string& msg) {
   reply r;
   r.status = status;
   r.body = "{\"error\": " + json_str(msg) + "}\n";
   return r;
-}
-
-std::string json_str(const std::string& s) {
-  std::string out = "\"";
-  for (char ch : s) {
-    unsigned char c = static_cast<unsigned char>(ch);
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += ch;
-    } else if (c < 0x20) {
-      char buf[8];
-      snprintf(buf, sizeof buf, "\\u%04x", c);
-      out += buf;
-    } else {
-      out += ch;
-    }
-  }
-  return out + "\"";
 }
 
 bool parse_when(const std::string& in, long long* out) {

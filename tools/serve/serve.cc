@@ -208,20 +208,9 @@ void routes(httplib::Server& s) {
     job_spec j;
     if (!when(req, "from", &j.beg, res) || !when(req, "to", &j.end, res)) return;
     if (j.end < j.beg) return send(res, error_reply(400, "'to' lies before 'from'"));
-    std::string chs = req.get_param_value("ch"), one;
-    unsigned seen = 0;
-    for (size_t p = 0; p <= chs.size(); p++) {
-      if (p < chs.size() && chs[p] != ',') {
-        one += chs[p];
-        continue;
-      }
-      long long v;
-      if (!tool::parse_int(one, &v) || v < 0 || v > 31)
-        return send(res, error_reply(400, "'ch': channel numbers 0 to 31, separated by commas"));
-      if (!(seen >> v & 1)) j.chans.push_back(static_cast<int>(v));
-      seen |= 1u << v;
-      one.clear();
-    }
+    uint32_t mask = 0;
+    if (!tool::parse_channels(req.get_param_value("ch"), &mask, &j.chans))
+      return send(res, error_reply(400, "'ch': channel numbers 0 to 31, separated by commas"));
     if (req.has_param("format")) j.format = req.get_param_value("format");
     if (j.format != "mp4" && j.format != "irf" && j.format != "oem")
       return send(res, error_reply(400, "'format': mp4, irf or oem"));

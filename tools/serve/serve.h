@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "../volume_set.h"
+#include "../cli.h"
 
 namespace serve {
 
@@ -24,7 +24,6 @@ struct reply {
   std::string body;
 };
 reply error_reply(int status, const std::string& msg);
-std::string json_str(const std::string& s);
 
 // Times in requests: epoch seconds or ISO 8601 ("2024-05-01T10:58:00Z"); UTC.
 bool parse_when(const std::string& s, long long* out);

@@ -1,9 +1,10 @@
 // What search and playback share: reading a whole table, name tests, the hour and
 // minute records an entry carries from its time field on, and the result lists.
 // Internal to the library.
-#ifndef RINGREC_PLAYBACK_WALK_H
-#define RINGREC_PLAYBACK_WALK_H
+#ifndef RINGREC_PLAYBACK_TABLE_WALK_H
+#define RINGREC_PLAYBACK_TABLE_WALK_H
 
+#include <ringrec/entry_names.h>
 #include <ringrec/fs_app.h>
 #include <string.h>
 
@@ -11,8 +12,8 @@
 
 namespace pb {
 
-inline bool is_hour(const entry_t& e) { return strncmp(e.name, "HOUR_", 5) == 0; }
-inline bool is_min(const entry_t& e) { return strncmp(e.name, "MIN_", 4) == 0; }
+inline bool is_hour(const entry_t& e) { return entry_is_hour(e.name); }
+inline bool is_min(const entry_t& e) { return entry_is_min(e.name); }
 // Names are 32-byte fields that a damaged entry may leave unterminated.
 inline bool same_name(const entry_t& a, const entry_t& b) {
   return strncmp(a.name, b.name, sizeof a.name) == 0;

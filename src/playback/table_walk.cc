@@ -1,5 +1,5 @@
-// Shared helpers of search and playback (see walk.h).
-#include "playback/walk.h"
+// Shared helpers of search and playback (see table_walk.h).
+#include "playback/table_walk.h"
 
 #include <stdlib.h>
 
