@@ -300,7 +300,7 @@ def browser_case(work, node_dir):
     x264(src, "320x240", 20)
     b = board(work, 1)
     with open(os.path.join(work, "events"), "w") as f:
-        f.write("30 motion 1\n70 vloss 0x1\n100 sensor 0x2\n")
+        f.write("30 motion 1 0xF\n70 vloss 0x1\n100 sensor 0x2\n")
     rr("--root", b, "record", "--channels", "4", "--from", str(T0), "--minutes", "3", "--input",
        src, "--events", os.path.join(work, "events"), "--no-audio")
     exp = os.path.join(work, "exports")
