@@ -203,11 +203,13 @@ int capture::open(const capture_spec& shape, long long start_ms, std::string* er
     pictures_.resize(static_cast<size_t>(spec_.channels) * 2);
     for (int ch = 0; ch < spec_.channels; ch++) {
       if ((main_units_.empty() &&
-           pictures_[static_cast<size_t>(ch) * 2].open(spec_.main_w, spec_.main_h, spec_.fps, ch,
-                                                       SYNTH_STREAM_MAIN) != 0) ||
+           pictures_[static_cast<size_t>(ch) * 2].open(
+               spec_.main_w, spec_.main_h, spec_.fps, ch, SYNTH_STREAM_MAIN,
+               static_cast<size_t>(frame_bytes(false, true)), spec_.seed) != 0) ||
           (sub_units_.empty() &&
-           pictures_[static_cast<size_t>(ch) * 2 + 1].open(spec_.sub_w, spec_.sub_h, spec_.fps, ch,
-                                                           SYNTH_STREAM_SUB) != 0)) {
+           pictures_[static_cast<size_t>(ch) * 2 + 1].open(
+               spec_.sub_w, spec_.sub_h, spec_.fps, ch, SYNTH_STREAM_SUB,
+               static_cast<size_t>(frame_bytes(true, true)), spec_.seed) != 0)) {
         if (err) *err = "picture size cannot be coded (even sizes, 16 to 8192)";
         return -1;
       }
@@ -221,6 +223,16 @@ int capture::open(const capture_spec& shape, long long start_ms, std::string* er
   return 0;
 }
 
+// The byte budget of a frame: key frames four times the size of the others, the average
+// kept at the bit rate.
+long long capture::frame_bytes(bool sub, bool key) const {
+  int kbps = sub ? spec_.sub_kbps : spec_.main_kbps;
+  long long avg = static_cast<long long>(kbps) * 1000 / 8 / spec_.fps;
+  long long p = avg * spec_.gop / (spec_.gop + 3);
+  long long bytes = key ? 4 * p : p;
+  return bytes < 32 ? 32 : bytes;
+}
+
 std::string capture::video_frame(int ch, bool sub, long long n, bool& key) {
   const std::vector<access_unit>& units = sub ? sub_units_ : main_units_;
   if (!units.empty()) {
@@ -229,12 +241,7 @@ std::string capture::video_frame(int ch, bool sub, long long n, bool& key) {
     return u.bytes;
   }
   key = n % spec_.gop == 0;
-  int kbps = sub ? spec_.sub_kbps : spec_.main_kbps;
-  long long avg = static_cast<long long>(kbps) * 1000 / 8 / spec_.fps;
-  // Key frames four times the size of the others, the average kept at the bit rate.
-  long long p = avg * spec_.gop / (spec_.gop + 3);
-  long long bytes = key ? 4 * p : p;
-  if (bytes < 32) bytes = 32;
+  long long bytes = frame_bytes(sub, key);
   if (!pictures_.empty()) {
     std::string out;
     long long ms = start_ms_ + n * 1000 / spec_.fps;

@@ -78,6 +78,7 @@ class capture {
 
  private:
   std::string video_frame(int ch, bool sub, long long n, bool& key);
+  long long frame_bytes(bool sub, bool key) const;
   std::string audio_frame(int ch, long long n);
 
   capture_spec spec_;

@@ -15,6 +15,11 @@ const unsigned char NAL_PPS = 0x68;
 const unsigned char NAL_IDR = 0x65;
 const unsigned char NAL_P = 0x61;
 const unsigned char NAL_FILLER = 0x0C;
+const unsigned char NAL_SEI = 0x06;
+const int SEI_USER_DATA_UNREGISTERED = 5;
+// The UUID that opens this simulator's user data.
+const uint8_t SEI_UUID[16] = {0x72, 0x69, 0x6E, 0x67, 0x72, 0x65, 0x63, 0x2D,
+                              0x73, 0x69, 0x6D, 0x2D, 0x73, 0x65, 0x65, 0x64};
 
 const int PROFILE_BASELINE = 66;
 const int LOG2_MAX_FRAME_NUM = 16;
@@ -26,8 +31,38 @@ const int MB_I16_VERT = 1;  // I_16x16_<pred>_0_0: prediction 0 vertical, 1 hori
 const int MB_I16_HORZ = 2;  // 2 DC; no chroma or AC residual
 const int MB_I16_DC = 3;
 
-// How an IDR codes each macroblock.
-enum { MODE_DC, MODE_HORZ, MODE_VERT, MODE_PCM };
+// How an IDR codes each macroblock: background (three predictions), caption, frame code.
+enum { MODE_DC, MODE_HORZ, MODE_VERT, MODE_PCM, MODE_CODE };
+bool is_background(uint8_t m) { return m <= MODE_VERT; }
+
+// Budget of one I_PCM macroblock: header, 384 samples, alignment.
+const size_t PCM_MB_BYTES = 388;
+
+// CAVLC codes (length, value) used by the frame-code blocks: at most four coefficients,
+// none of them +-1 (so no trailing ones), the last at scan position 4 at most.
+struct vlc {
+  uint8_t len, bits;
+};
+// coeff_token with TrailingOnes 0, by nC class (0-1, 2-3, 4-7, 8 and up) and TotalCoeff.
+const vlc COEFF_TOKEN[4][5] = {{{1, 1}, {6, 5}, {8, 7}, {9, 7}, {10, 7}},
+                               {{2, 3}, {6, 11}, {6, 7}, {7, 7}, {8, 7}},
+                               {{4, 15}, {6, 15}, {6, 11}, {6, 8}, {7, 15}},
+                               {{6, 3}, {6, 0}, {6, 4}, {6, 8}, {6, 12}}};
+// total_zeros by TotalCoeff (1-4) and total_zeros (0-4).
+const vlc TOTAL_ZEROS[4][5] = {{{1, 1}, {3, 3}, {3, 2}, {4, 3}, {4, 2}},
+                               {{3, 7}, {3, 6}, {3, 5}, {3, 4}, {3, 3}},
+                               {{4, 5}, {3, 7}, {3, 6}, {3, 5}, {4, 4}},
+                               {{5, 3}, {3, 7}, {4, 5}, {4, 4}, {3, 6}}};
+// run_before by zerosLeft (1-4) and run.
+const vlc RUN_BEFORE[4][5] = {{{1, 1}, {1, 0}, {0, 0}, {0, 0}, {0, 0}},
+                              {{1, 1}, {2, 1}, {2, 0}, {0, 0}, {0, 0}},
+                              {{2, 3}, {2, 2}, {2, 1}, {2, 0}, {0, 0}},
+                              {{2, 3}, {2, 2}, {2, 1}, {3, 1}, {3, 0}}};
+// 4x4 zig-zag scan: (x, y) of scan position k.
+const uint8_t ZIGZAG[16][2] = {{0, 0}, {1, 0}, {0, 1}, {0, 2}, {1, 1}, {2, 0}, {3, 0}, {2, 1},
+                               {1, 2}, {0, 3}, {1, 3}, {2, 2}, {3, 1}, {3, 2}, {2, 3}, {3, 3}};
+
+int nc_class(int nc) { return nc < 2 ? 0 : nc < 4 ? 1 : nc < 8 ? 2 : 3; }
 
 // RBSP bit writer: 64-bit accumulator, flushed a byte at a time.
 class bitw {
@@ -54,6 +89,7 @@ class bitw {
       u(len + 1, static_cast<uint32_t>(x));
     }
   }
+  void put(vlc c) { u(c.len, c.bits); }
   void se(int v) { ue(v > 0 ? static_cast<uint32_t>(2 * v - 1) : static_cast<uint32_t>(-2 * v)); }
   void align_zero() {
     if (bits_ > 0) u(8 - bits_, 0);
@@ -100,6 +136,72 @@ void put_nal(std::string& out, unsigned char hdr, const std::string& rbsp) {
     i++;
   }
 }
+
+// The luma DC block (Intra16x16DCLevel) of a frame-code macroblock holding `nibble`.
+// Wanted: every sample of quarter q clipped to 255 when bit q is set, to 0 when not.
+// With only DC coefficients, the decoder's inverse Hadamard f = A c A gives each 4x4
+// block its DC; choosing c = 20 * A s A (s the +-1 sign of each 4x4 block) gives
+// f = 20 * 16 s = 320 s, scaled at QP 26 to 52 * 320 s and so a residual of
+// (16640 s + 32) >> 6 = +-260 on every sample: past either end from any prediction.
+// A quarter-constant s leaves only the 2x2 low corner of c non-zero.
+void code_dc(bitw& b, int nibble, int nc) {
+  static const int A[4][4] = {{1, 1, 1, 1}, {1, 1, -1, -1}, {1, -1, -1, 1}, {1, -1, 1, -1}};
+  int sgn[4][4], t[4][4], m[4][4];
+  for (int y = 0; y < 4; y++)
+    for (int x = 0; x < 4; x++) sgn[y][x] = (nibble >> ((y / 2) * 2 + x / 2)) & 1 ? 1 : -1;
+  for (int y = 0; y < 4; y++)
+    for (int x = 0; x < 4; x++) {
+      t[y][x] = 0;
+      for (int k = 0; k < 4; k++) t[y][x] += A[y][k] * sgn[k][x];
+    }
+  for (int y = 0; y < 4; y++)
+    for (int x = 0; x < 4; x++) {
+      m[y][x] = 0;
+      for (int k = 0; k < 4; k++) m[y][x] += t[y][k] * A[k][x];
+    }
+  // Non-zero coefficients from the highest scan position down, as CAVLC sends them.
+  int level[16], pos[16], total = 0;
+  for (int k = 15; k >= 0; k--) {
+    int c = 20 * m[ZIGZAG[k][1]][ZIGZAG[k][0]];
+    if (c != 0) {
+      level[total] = c;
+      pos[total++] = k;
+    }
+  }
+  b.put(COEFF_TOKEN[nc_class(nc)][total]);
+  if (total == 0) return;
+  int suffix_len = 0;
+  for (int i = 0; i < total; i++) {
+    int code = level[i] > 0 ? 2 * level[i] - 2 : -2 * level[i] - 1;
+    if (i == 0) code -= 2;  // no trailing ones: the first level is known not to be +-1
+    int limit = suffix_len == 0 ? 30 : 15 << suffix_len;
+    if (code < limit && suffix_len > 0) {
+      b.u((code >> suffix_len) + 1, 1);  // level_prefix: zeros, then a one
+      b.u(suffix_len, static_cast<uint32_t>(code & ((1 << suffix_len) - 1)));
+    } else if (code < 14) {
+      b.u(code + 1, 1);
+    } else if (code < 30) {
+      b.u(15, 1);
+      b.u(4, static_cast<uint32_t>(code - 14));
+    } else {
+      b.u(16, 1);  // level_prefix 15: a 12-bit suffix
+      b.u(12, static_cast<uint32_t>(code - limit));
+    }
+    if (suffix_len == 0) suffix_len = 1;
+    int mag = level[i] < 0 ? -level[i] : level[i];
+    if (mag > (3 << (suffix_len - 1)) && suffix_len < 6) suffix_len++;
+  }
+  int zeros = pos[0] + 1 - total;
+  b.put(TOTAL_ZEROS[total - 1][zeros]);
+  for (int i = 0; i + 1 < total && zeros > 0; i++) {
+    int run = pos[i] - pos[i + 1] - 1;
+    b.put(RUN_BEFORE[zeros - 1][run]);
+    zeros -= run;
+  }
+}
+
+// An empty luma DC block: coeff_token for no coefficient.
+void code_dc_empty(bitw& b, int nc) { b.put(COEFF_TOKEN[nc_class(nc)][0]); }
 
 // 5x7 glyphs, one byte a row, bit 4 leftmost.
 struct glyph {
@@ -167,7 +269,8 @@ const int CAPTION_FORMS = 4;
 
 }  // namespace
 
-int h264_synth::open(int width, int height, int fps, int channel, int stream) {
+int h264_synth::open(int width, int height, int fps, int channel, int stream, size_t key_bytes,
+                     uint32_t seed) {
   if (width < 16 || height < 16 || width % 2 != 0 || height % 2 != 0 || width > 8192 ||
       height > 8192)
     return -1;
@@ -178,6 +281,7 @@ int h264_synth::open(int width, int height, int fps, int channel, int stream) {
   fps_ = fps > 0 ? fps : 25;
   ch_ = channel;
   stream_ = stream;
+  seed_ = seed;
   scale_ = width / 320;
   if (scale_ < 1) scale_ = 1;
   if (scale_ > 4) scale_ = 4;
@@ -186,13 +290,19 @@ int h264_synth::open(int width, int height, int fps, int channel, int stream) {
               mbh_ >= SYNTH_CODE_MB_Y + SYNTH_CODE_ROWS + 1;
   bool text = mbw_ >= 3 && mbh_ >= SYNTH_TEXT_MB_Y + text_mb_rows_ + 1;
   text_form_ = CAPTION_FORMS - 1;
+  // The longest caption that fits the width and, in I_PCM, the key frame's budget.
   int room = (mbw_ - 2) * 16;
-  for (int f = 0; f < CAPTION_FORMS; f++) {
-    if (static_cast<int>(caption(f, ch_, stream_, 0, 0).size()) * GLYPH_W * scale_ <= room) {
+  bool fits = false;
+  for (int f = 0; f < CAPTION_FORMS && !fits; f++) {
+    int px = static_cast<int>(caption(f, ch_, stream_, 0, 0).size()) * GLYPH_W * scale_;
+    size_t cost = static_cast<size_t>((px + 15) / 16 * text_mb_rows_) * PCM_MB_BYTES +
+                  static_cast<size_t>(mbw_ * mbh_) + 16 * SYNTH_CODE_NIBBLES;
+    if (px <= room && (key_bytes == 0 || cost <= key_bytes)) {
       text_form_ = f;
-      break;
+      fits = true;
     }
   }
+  if (!fits) text = false;
   text_cols_ = 0;
   if (text) {
     int px = static_cast<int>(caption(text_form_, ch_, stream_, 0, 0).size()) * GLYPH_W * scale_;
@@ -209,7 +319,7 @@ int h264_synth::open(int width, int height, int fps, int channel, int stream) {
   if (code)
     for (int y = 0; y < SYNTH_CODE_ROWS; y++)
       for (int x = 0; x < SYNTH_CODE_COLS; x++)
-        drawn[static_cast<size_t>((SYNTH_CODE_MB_Y + y) * mbw_ + SYNTH_CODE_MB_X + x)] = 1;
+        drawn[static_cast<size_t>((SYNTH_CODE_MB_Y + y) * mbw_ + SYNTH_CODE_MB_X + x)] = 2;
   for (int y = 0; y < (text ? text_mb_rows_ : 0); y++)
     for (int x = 0; x < text_cols_; x++)
       drawn[static_cast<size_t>((SYNTH_TEXT_MB_Y + y) * mbw_ + 1 + x)] = 1;
@@ -217,9 +327,12 @@ int h264_synth::open(int width, int height, int fps, int channel, int stream) {
   for (int y = 0; y < mbh_; y++) {
     for (int x = 0; x < mbw_; x++) {
       size_t i = static_cast<size_t>(y * mbw_ + x);
-      if (drawn[i]) continue;
-      bool left = x > 0 && mode_[i - 1] != MODE_PCM;
-      bool top = y > 0 && mode_[i - static_cast<size_t>(mbw_)] != MODE_PCM;
+      if (drawn[i]) {
+        mode_[i] = drawn[i] == 2 ? MODE_CODE : MODE_PCM;
+        continue;
+      }
+      bool left = x > 0 && is_background(mode_[i - 1]);
+      bool top = y > 0 && is_background(mode_[i - static_cast<size_t>(mbw_)]);
       if (x == 0 && y == 0)
         mode_[i] = MODE_DC;
       else if (left)
@@ -254,17 +367,10 @@ void h264_synth::draw_code(uint32_t n, long long ms, bool all) {
   for (int k = 0; k < SYNTH_CODE_NIBBLES; k++)
     if (k != 3) check ^= nib[k];
   nib[3] = check;
-  size_t stride = static_cast<size_t>(mbw_) * 16;
   for (int k = 0; k < SYNTH_CODE_NIBBLES; k++) {
     if (!all && nib[k] == code_[k]) continue;
     code_[k] = nib[k];
     int mx = SYNTH_CODE_MB_X + k % SYNTH_CODE_COLS, my = SYNTH_CODE_MB_Y + k / SYNTH_CODE_COLS;
-    for (int b = 0; b < 4; b++) {
-      uint8_t v = (nib[k] >> b) & 1 ? SYNTH_LEVEL_LIGHT : SYNTH_LEVEL_DARK;
-      size_t x0 = static_cast<size_t>(mx * 16 + (b & 1) * 8);
-      size_t y0 = static_cast<size_t>(my * 16 + (b >> 1) * 8);
-      for (size_t y = 0; y < 8; y++) memset(&luma_[(y0 + y) * stride + x0], v, 8);
-    }
     dirty_[static_cast<size_t>(my * mbw_ + mx)] = 1;
   }
 }
@@ -402,49 +508,76 @@ void h264_synth::slice(std::string& out, bool key) {
     }
     b.fill(128, 128);  // Cb and Cr, 8x8 each: grey
   };
+  // nC of a macroblock's luma DC block: the mean of the left and upper neighbours'
+  // coefficient counts, 16 for I_PCM and 0 for everything else here (no AC residual,
+  // or skipped).
+  auto nc = [&](int x, int y, bool skipped_above, bool skipped_left) {
+    size_t i = static_cast<size_t>(y * mbw_ + x);
+    int na = x > 0 ? (!skipped_left && mode_[i - 1] == MODE_PCM ? 16 : 0) : -1;
+    int nb =
+        y > 0 ? (!skipped_above && mode_[i - static_cast<size_t>(mbw_)] == MODE_PCM ? 16 : 0) : -1;
+    return na >= 0 && nb >= 0 ? (na + nb + 1) >> 1 : na >= 0 ? na : nb >= 0 ? nb : 0;
+  };
+  auto code_mb = [&](int x, int y, int nc_value) {
+    b.ue(MB_I16_DC + (key ? 0 : MB_P_INTRA));
+    b.ue(0);  // intra_chroma_pred_mode: DC (every neighbour's chroma is 128)
+    b.se(0);  // mb_qp_delta
+    int k = (y - SYNTH_CODE_MB_Y) * SYNTH_CODE_COLS + (x - SYNTH_CODE_MB_X);
+    code_dc(b, code_[k], nc_value);
+  };
   if (key) {
     for (int y = 0; y < mbh_; y++) {
       for (int x = 0; x < mbw_; x++) {
-        size_t i = static_cast<size_t>(y * mbw_ + x);
-        uint8_t m = mode_[i];
+        uint8_t m = mode_[static_cast<size_t>(y * mbw_ + x)];
         if (m == MODE_PCM) {
           b.ue(MB_I_PCM);
           pcm(x, y);
-          continue;
+        } else if (m == MODE_CODE) {
+          code_mb(x, y, nc(x, y, false, false));
+        } else {
+          b.ue(m == MODE_DC ? MB_I16_DC : m == MODE_HORZ ? MB_I16_HORZ : MB_I16_VERT);
+          b.ue(0);  // intra_chroma_pred_mode: DC
+          b.se(0);  // mb_qp_delta
+          code_dc_empty(b, nc(x, y, false, false));
         }
-        b.ue(m == MODE_DC ? MB_I16_DC : m == MODE_HORZ ? MB_I16_HORZ : MB_I16_VERT);
-        b.ue(0);  // intra_chroma_pred_mode: DC (every neighbour's chroma is 128)
-        b.se(0);  // mb_qp_delta
-        // Intra16x16DCLevel with no coefficient. Its coeff_token table follows nC, the
-        // mean of the left and upper neighbours' coefficient counts: 16 for I_PCM, 0 for
-        // a background MB. nC 0 or 1: "1"; nC 8 or 16: the 6-bit code 000011.
-        int na = x > 0 ? (mode_[i - 1] == MODE_PCM ? 16 : 0) : -1;
-        int nb = y > 0 ? (mode_[i - static_cast<size_t>(mbw_)] == MODE_PCM ? 16 : 0) : -1;
-        int nc = na >= 0 && nb >= 0 ? (na + nb + 1) >> 1 : na >= 0 ? na : nb >= 0 ? nb : 0;
-        if (nc < 2)
-          b.u(1, 1);
-        else
-          b.u(6, 3);
       }
     }
   } else {
     uint32_t run = 0;
     for (int y = 0; y < mbh_; y++) {
       for (int x = 0; x < mbw_; x++) {
-        if (y >= rows_ || !dirty_[static_cast<size_t>(y * mbw_ + x)]) {
+        size_t i = static_cast<size_t>(y * mbw_ + x);
+        if (y >= rows_ || !dirty_[i]) {
           run++;
           continue;
         }
         b.ue(run);  // mb_skip_run
         run = 0;
-        b.ue(MB_P_INTRA + MB_I_PCM);
-        pcm(x, y);
+        if (mode_[i] == MODE_CODE) {
+          bool above = y > 0 && (y - 1 >= rows_ || !dirty_[i - static_cast<size_t>(mbw_)]);
+          bool left = x > 0 && !dirty_[i - 1];
+          code_mb(x, y, nc(x, y, above, left));
+        } else {
+          b.ue(MB_P_INTRA + MB_I_PCM);
+          pcm(x, y);
+        }
       }
     }
     if (run > 0) b.ue(run);
   }
   b.trailing();
   put_nal(out, key ? NAL_IDR : NAL_P, rbsp_);
+}
+
+void h264_synth::sei(std::string& out) {
+  rbsp_.clear();
+  bitw b(rbsp_);
+  b.u(8, SEI_USER_DATA_UNREGISTERED);
+  b.u(8, sizeof SEI_UUID + 4);  // payloadSize
+  b.raw(SEI_UUID, sizeof SEI_UUID);
+  b.u(32, seed_);
+  b.trailing();
+  put_nal(out, NAL_SEI, rbsp_);
 }
 
 void h264_synth::frame(std::string& out, uint32_t n, bool key, long long ms, size_t bytes) {
@@ -454,6 +587,7 @@ void h264_synth::frame(std::string& out, uint32_t n, bool key, long long ms, siz
     sps(out);
     pps(out);
   }
+  sei(out);
   draw_code(n, ms, key);
   draw_text(caption(text_form_, ch_, stream_, n, ms), key);
   slice(out, key);

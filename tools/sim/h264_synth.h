@@ -9,17 +9,24 @@
 //
 //   background MB (IDR)   I_16x16, no residual, predicted from a background neighbour
 //                         (DC with no neighbour gives 128): decodes to luma 128
-//   drawn MB              I_PCM: the samples themselves, exact
-//   P picture             P_Skip (zero motion, exact copy) except the MBs whose samples
-//                         changed since the picture before, coded as I_PCM
+//   frame code MB         I_16x16 whose only residual is its luma DC: each 8x8 quarter
+//                         gets a residual of +-260, so whatever the prediction, the
+//                         samples clip to exactly 0 or 255 (a few bytes a macroblock)
+//   caption MB            I_PCM: the samples themselves, exact
+//   P picture             P_Skip (zero motion, exact copy) except the MBs that changed
+//                         since the picture before, coded as above
+//   SEI                   user data: the capture's seed, so that two captures differ
 //   filler                NAL units of type 12 after the slice, up to the byte budget
+//
+// The caption costs about 400 bytes a macroblock, so it is drawn only when the key
+// frame's byte budget allows it; the frame code is always there.
 //
 // Chroma is 128 everywhere, so the picture is grey scale. The height is coded in whole
 // macroblocks and cropped in the SPS (1080 = 68 MB rows less 8 lines).
 //
 // Frame code: 24 macroblocks at MB column 1, row 1, 8 wide and 3 tall, in raster order.
 // MB k holds nibble k as four 8x8 cells (bit 0 top left, 1 top right, 2 bottom left,
-// 3 bottom right), a set bit LIGHT and a clear bit DARK:
+// 3 bottom right), a set bit luma 255 and a clear bit luma 0:
 //
 //   nibble   0      magic 0xA
 //            1      channel, bits 0-3
@@ -32,6 +39,7 @@
 #ifndef RINGREC_SIM_H264_SYNTH_H
 #define RINGREC_SIM_H264_SYNTH_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include <string>
@@ -56,9 +64,11 @@ const int SYNTH_STREAM_SUB = 1;
 
 class h264_synth {
  public:
-  // width and height in pixels (even, at least 16); stream SYNTH_STREAM_MAIN or _SUB.
-  // Returns 0, or -1 for a size that cannot be coded.
-  int open(int width, int height, int fps, int channel, int stream);
+  // width and height in pixels (even, at least 16); stream SYNTH_STREAM_MAIN or _SUB;
+  // key_bytes: the byte budget of a key frame, which decides whether the caption is
+  // drawn (0: always). Returns 0, or -1 for a size that cannot be coded.
+  int open(int width, int height, int fps, int channel, int stream, size_t key_bytes,
+           uint32_t seed);
 
   // Appends one access unit (4-byte start codes) for frame `n` captured at `ms`: a key
   // frame when `key`, else a P picture on the unit appended before. Filler NAL units
@@ -74,6 +84,7 @@ class h264_synth {
   void sps(std::string& out);
   void pps(std::string& out);
   void slice(std::string& out, bool key);
+  void sei(std::string& out);
 
   int w_ = 0, h_ = 0, mbw_ = 0, mbh_ = 0, fps_ = 25, ch_ = 0, stream_ = 0;
   int scale_ = 1, text_mb_rows_ = 0, text_cols_ = 0, text_form_ = 0;
@@ -85,6 +96,7 @@ class h264_synth {
   std::string text_;
   uint32_t frame_num_ = 0;
   uint32_t idr_id_ = 0;
+  uint32_t seed_ = 0;
   std::string rbsp_;
 };
 
