@@ -32,19 +32,15 @@ bool want_stream(const frame_head_t& f, bool sub) {
   return sub ? f.stream != BLOCK_STREAM_MAIN : f.stream != BLOCK_STREAM_SUB;
 }
 
-// Calls fn(frame head, data, length) for each frame of the block in buf.
+// Calls fn(frame head, data, length) for each frame of the block in buf, up to an
+// invalid frame type (the rest of the block is unusable); the length is the one the
+// exporters hand the MP4 writer.
 template <typename F>
-void frames_of(const std::vector<char>& buf, int size, F fn) {
-  long long pos = 0;
-  while (pos + FRAME_HEAD <= size) {
-    frame_head_t fh;
-    memcpy(&fh, buf.data() + pos, sizeof fh);
-    uint32_t room = static_cast<uint32_t>(size - pos - FRAME_HEAD);
-    if (fh.type >= FRAME_INVALID || fh.len > room) return;
-    const char* data = buf.data() + pos + FRAME_HEAD;
-    pos += FRAME_HEAD + static_cast<long long>(fh.len);
-    if (!fn(fh, data, fh.size < fh.len ? fh.size : fh.len)) return;
-  }
+void frames_of(const head_t& h, const std::vector<char>& buf, F fn) {
+  block_frames(h, reinterpret_cast<const unsigned char*>(buf.data()),
+               [&](const frame_head_t& f, const char* d) {
+                 return f.type < FRAME_INVALID && fn(f, d, f.size < f.len ? f.size : f.len);
+               });
 }
 
 bool read_block(fs_app& app, const head_t& h, std::vector<char>& buf) {
@@ -58,7 +54,7 @@ bool has_key(fs_app& app, const head_t& h, int ch, bool sub, std::vector<char>& 
   if (!(h.types & BLOCK_KEY_BITS) || ch >= 59 || h.count[ch] <= 0 || !read_block(app, h, buf))
     return false;
   bool found = false;
-  frames_of(buf, h.size, [&](const frame_head_t& f, const char*, uint32_t) {
+  frames_of(h, buf, [&](const frame_head_t& f, const char*, uint32_t) {
     found = frame_is_key(f.type) && static_cast<int>(f.ch) == ch && want_stream(f, sub);
     return !found;
   });
@@ -149,7 +145,7 @@ clip_ptr build_forward(fs_app& app, const clip_request& r, reply* err) {
     if (h->count[r.ch < 59 ? r.ch : 0] <= 0) continue;
     head_t head = *h;
     if (!read_block(app, head, buf)) continue;
-    frames_of(buf, head.size, [&](const frame_head_t& f, const char* d, uint32_t len) {
+    frames_of(head, buf, [&](const frame_head_t& f, const char* d, uint32_t len) {
       if (static_cast<int>(f.ch) != r.ch) return true;
       if (f.type == FRAME_AUDIO) {
         if (!r.audio || out.mp4 == nullptr) return true;
@@ -208,7 +204,7 @@ clip_ptr build_reverse(fs_app& app, const clip_request& r, reply* err) {
        h = back.next()) {
     head_t head = *h;
     if (!has_key(app, head, r.ch, r.sub, buf)) continue;
-    frames_of(buf, head.size, [&](const frame_head_t& f, const char* d, uint32_t len) {
+    frames_of(head, buf, [&](const frame_head_t& f, const char* d, uint32_t len) {
       if (!frame_is_key(f.type) || static_cast<int>(f.ch) != r.ch || !want_stream(f, r.sub))
         return true;
       keys.push_back({f, std::string(d, len), head.time});

@@ -5,6 +5,7 @@
 // served by job ID and index only.
 #include <errno.h>
 #include <fcntl.h>
+#include <ringrec/app_interface.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ipc.h>
@@ -120,10 +121,10 @@ std::string run_irf_oem(fs_app& app, const job& j, const std::string& dir) {
   std::string made;
   if (irf) {
     // The application prepares the IRF file header: "TOLVEX", zeros to 4096 bytes.
-    std::string hp = board_path("/tmp/header.irf");
+    std::string hp = board_path(IRF_HEADER_FILE);
     if (access(hp.c_str(), R_OK) != 0) {
       FILE* f = fopen(hp.c_str(), "wb");
-      if (!f) return "cannot prepare the IRF header in the board's /tmp";
+      if (!f) return "cannot prepare the IRF header on the board";
       std::vector<char> h(4096, 0);
       memcpy(h.data(), "TOLVEX", 6);
       fwrite(h.data(), 1, h.size(), f);
@@ -197,7 +198,7 @@ void worker() {
     // Completion is posted only for a run that completed.
     if (err.empty() && !cut) app.bk_over();
     app.bk_clr();
-    remove(board_path("/tmp/bk_cancel").c_str());
+    remove(board_path(BK_CANCEL_MARKER).c_str());
     std::lock_guard<std::mutex> g(g_m);
     job& k = g_jobs[j.id];
     k.state = cut ? "cancelled" : err.empty() ? "done" : "failed";
@@ -215,7 +216,7 @@ int jobs_start(const std::vector<std::string>& disks, const std::string& dir) {
   int rc = g_vols->open(disks);
   if (rc != 0) return rc;
   // The recorder's application creates the progress set; so does the server.
-  key_t key = ftok(board_path("/.").c_str(), 66);
+  key_t key = ftok(board_path(BK_SEM_PATH).c_str(), BK_SEM_PROJ);
   if (key != static_cast<key_t>(-1)) {
     g_sem = semget(key, 2, IPC_CREAT | IPC_EXCL | 0600);
     if (g_sem >= 0)
@@ -233,11 +234,11 @@ void jobs_stop() {
     g_stop = true;
     for (auto& kv : g_jobs) kv.second.cancel = true;
   }
-  int fd = open(board_path("/tmp/bk_cancel").c_str(), O_WRONLY | O_CREAT, 0644);
+  int fd = open(board_path(BK_CANCEL_MARKER).c_str(), O_WRONLY | O_CREAT, 0644);
   if (fd >= 0) close(fd);
   g_cv.notify_all();
   if (g_worker.joinable()) g_worker.join();
-  remove(board_path("/tmp/bk_cancel").c_str());
+  remove(board_path(BK_CANCEL_MARKER).c_str());
   if (g_sem_made) semctl(g_sem, 0, IPC_RMID);
   delete g_vols;
   g_vols = nullptr;
@@ -294,7 +295,7 @@ reply job_cancel(int id) {
     if (j.state == "running") {
       j.cancel = true;
       // The writers look for the marker before each minute.
-      int fd = open(board_path("/tmp/bk_cancel").c_str(), O_WRONLY | O_CREAT, 0644);
+      int fd = open(board_path(BK_CANCEL_MARKER).c_str(), O_WRONLY | O_CREAT, 0644);
       if (fd >= 0) close(fd);
     }
   }
