@@ -8,10 +8,14 @@
 //
 // DIR (default out/bench-playback) is bench_playback's board; it is built by running
 // bench_playback first when it is not there.
+#include <arpa/inet.h>
 #include <httplib.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -36,9 +40,20 @@ double now_s() {
   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
 }
 
+// A port nothing listens on now: bound to port 0 and let go.
 int free_port() {
-  httplib::Server s;
-  return s.bind_to_any_port("127.0.0.1");
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a;
+  memset(&a, 0, sizeof a);
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t n = sizeof a;
+  int port = -1;
+  if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+      getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n) == 0)
+    port = ntohs(a.sin_port);
+  close(fd);
+  return port;
 }
 
 pid_t spawn(const std::vector<std::string>& argv) {
@@ -57,6 +72,7 @@ pid_t spawn(const std::vector<std::string>& argv) {
 
 bool wait_up(int port) {
   httplib::Client c("127.0.0.1", port);
+  c.set_connection_timeout(1);
   for (int i = 0; i < 200; i++) {
     if (c.Get("/")) return true;
     usleep(50000);
