@@ -222,6 +222,17 @@ int volume_set::open(const std::vector<std::string>& disks) {
   return 0;
 }
 
+// ---- recording --------------------------------------------------------------------------
+
+void finish_recording(fs_app& app) {
+  if (app.cur_db != nullptr && app.min_e.name[0] != 0) {
+    app.writeback_motion_info(app.cur_db);
+    app.writeback_log_info(app.cur_db);
+    app.writeback_Iframe_info(app.cur_db);
+  }
+  app.flush();
+}
+
 // ---- JSON -------------------------------------------------------------------------------
 
 std::string json_str(const std::string& s) {

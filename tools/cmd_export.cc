@@ -40,6 +40,7 @@
 
 #include "cli.h"
 #include "command.h"
+#include "export_job.h"
 #include "export_progress.h"
 #include "quiet.h"
 #include "range_survey.h"
@@ -57,15 +58,13 @@ const char* const kUsage =
     "export [DISK...] --from TIME --to TIME --ch N[,M...] OUTDIR [--substream] [--audio] "
     "[--format mp4|irf|oem] [--single-pass]";
 
-bool write_failed(FILE* f) {
-  bool bad = fflush(f) != 0 || ferror(f) != 0;
-  return fclose(f) != 0 || bad;
-}
-
-long long size_of(const std::string& p) {
-  struct stat st;
-  return stat(p.c_str(), &st) == 0 ? st.st_size : -1;
-}
+using job = tool::export_job;
+using tool::say;
+using tool::size_of;
+using tool::taken;
+using tool::write_error;
+using tool::write_failed;
+using tool::wrote;
 
 // A single-pass file is written before its name is known; the name follows the
 // pattern of the planned files, numbered when taken.
@@ -92,52 +91,6 @@ void set_mdat_size(FILE* f, unsigned data) {
                         static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v)};
   fseek(f, 24, SEEK_SET);
   fwrite(b, 1, 4, f);
-}
-
-struct job;
-int say(job& j, const std::string& msg);
-
-struct job {
-  fs_app* app;
-  std::string dir;
-  int beg, end;
-  std::vector<int> chans;
-  int mask;
-  bool sub, audio, single;
-  std::string format;
-  FILE* out;  // tool's own messages
-  tool::progress_reader* prog;
-  bool json = false, force = false;
-  std::vector<std::string> plan;  // the two-phase plan's lines
-  std::vector<std::pair<std::string, long long>> written;
-  int files = 0;
-  std::string cut;  // the file cut short by a cancel
-};
-
-int say(job& j, const std::string& msg) {
-  j.prog->line(j.out, "ringrec: " + msg);
-  return 1;
-}
-
-void wrote(job& j, const std::string& path, long long bytes) {
-  j.written.push_back({path, bytes});
-  if (!j.json) j.prog->line(stdout, "wrote " + path + " (" + std::to_string(bytes) + " bytes)");
-}
-
-// A file of that name is there already and may not be replaced: said, and true.
-bool taken(job& j, const std::string& path) {
-  if (j.force || access(path.c_str(), F_OK) != 0) return false;
-  say(j, path + " exists: --force replaces it, or export into an empty directory");
-  return true;
-}
-
-// Output that could not be written whole (a full or failing USB stick): an MP4 file
-// without its closing boxes, or a scratch file not yet named, is of no use to anyone,
-// so it goes, and the run stops there.
-int write_error(job& j, const std::string& path) {
-  remove(path.c_str());
-  return say(
-      j, "writing into " + j.dir + " failed (is the disk full?); the unfinished file was removed");
 }
 
 int two_phase(job& j) {
@@ -268,104 +221,6 @@ int single_pass(job& j) {
   return 0;
 }
 
-std::string stamp(int time, const char* ext) {
-  time_t t = time;
-  struct tm tm;
-  gmtime_r(&t, &tm);
-  char b[64];
-  snprintf(b, sizeof b, "%04d%02d%02d_%02dh%02dm%02ds.%s", tm.tm_year + 1900, tm.tm_mon + 1,
-           tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, ext);
-  return b;
-}
-
-// The application prepares the IRF file header: "TOLVEX", a zero, version 0, the rest
-// zero to 4096 bytes. The tool makes one when the board has none, and removes it after.
-bool irf_header(std::string* made) {
-  std::string path = tool::board_path("/tmp/header.irf");
-  if (access(path.c_str(), R_OK) == 0) return true;
-  FILE* f = fopen(path.c_str(), "wb");
-  if (!f) return false;
-  std::vector<char> h(4096, 0);
-  memcpy(h.data(), "TOLVEX", 6);
-  fwrite(h.data(), 1, h.size(), f);
-  fclose(f);
-  *made = path;
-  return true;
-}
-
-// IRF: one file per selected hour holding every chosen channel.
-int irf_export(job& j) {
-  std::string made;
-  if (!irf_header(&made)) return say(j, "cannot prepare the IRF header in /tmp");
-  int items = j.app->bk_set(j.beg, j.end, j.mask);
-  int rc = 0;
-  for (int item = 0; item < items && !cancelled(); item++) {
-    std::string name = stamp(std::max(j.beg, j.app->bk_state.items[item].e.time), "irf");
-    std::string path = j.dir + "/" + name;
-    if (taken(j, path)) {
-      rc = 1;
-      break;
-    }
-    FILE* f = fopen(path.c_str(), "wb");
-    if (!f) {
-      rc = say(j, "cannot create " + path + ": " + strerror(errno));
-      break;
-    }
-    int started = 0;
-    j.app->bk_irf_write(f, item, j.mask, started);
-    if (write_failed(f)) {
-      rc = say(j, "writing " + path + " failed (is the disk full?)");
-      break;
-    }
-    if (!started) {
-      remove(path.c_str());
-      continue;
-    }
-    wrote(j, path, size_of(path));
-    j.files++;
-    if (cancelled()) j.cut = name;
-  }
-  if (!made.empty()) remove(made.c_str());
-  if (rc == 0 && j.files == 0 && !cancelled())
-    return say(j, "nothing recorded on those channels between --from and --to");
-  return rc;
-}
-
-// OEM frame format: one file per minute, named after its first frame.
-int oem_export(job& j) {
-  int items = j.app->bk_set(j.beg, j.end, j.mask);
-  std::string tmp = j.dir + "/.export.part";
-  for (int item = 0; item < items && !cancelled(); item++) {
-    for (;;) {
-      FILE* f = fopen(tmp.c_str(), "wb");
-      if (!f) return say(j, "cannot create " + tmp + ": " + strerror(errno));
-      int ftime = 0;
-      int r = j.app->bk_kesto_write(f, item, j.mask, ftime);
-      if (write_failed(f)) return write_error(j, tmp);
-      if (ftime == 0 || size_of(tmp) <= 0) {
-        remove(tmp.c_str());
-      } else {
-        std::string name = stamp(ftime, "oem");
-        std::string path = j.dir + "/" + name;
-        if (taken(j, path)) {
-          remove(tmp.c_str());
-          return 1;
-        }
-        if (rename(tmp.c_str(), path.c_str()) != 0) return say(j, "cannot name " + path);
-        wrote(j, path, size_of(path));
-        // A file holds one minute and the writer looks for the marker only between
-        // minutes, so a cancel never cuts one short: none is named.
-        j.files++;
-      }
-      if (r != 1) break;
-    }
-  }
-  if (j.files == 0 && !cancelled())
-    return say(j, "nothing recorded on those channels between --from and --to");
-  return 0;
-}
-
-// Every span the readers could not read, named; the files end there.
 void tell_gaps(job& j, const tool::range_survey& survey) {
   for (const tool::lost_span& l : survey.lost)
     say(j, "incomplete: stored blocks could not be read, " + tool::describe(l));
@@ -492,17 +347,15 @@ int run_export(const std::vector<std::string>& in) {
   // What the range holds, read before the writers run: channels with nothing, minutes
   // recorded twice, and blocks the readers will stop at.
   tool::range_survey survey = tool::survey_range(vols, j.beg, j.end);
-  for (int ch : j.chans)
-    if (!(survey.channels >> ch & 1))
-      say(j, "warning: channel " + std::to_string(ch) + " holds nothing between --from and --to");
+  tool::warn_empty(survey, static_cast<uint32_t>(j.mask), "between --from and --to");
   for (const tool::twice_minute& t : survey.twice)
     say(j, "warning: " + tool::fmt_time(t.minute).substr(0, 16) + " was recorded twice on " +
                t.disk +
                " (a clock set back?): its files hold both recordings, one after the other");
   tool::cancel_arm();
   prog.start();
-  rc = format == "irf"   ? irf_export(j)
-       : format == "oem" ? oem_export(j)
+  rc = format == "irf"   ? tool::irf_export(j)
+       : format == "oem" ? tool::oem_export(j)
        : single          ? single_pass(j)
                          : two_phase(j);
   // Completion (100 %, result 1) is posted only for a run that completed: a recorder's

@@ -121,7 +121,7 @@ int run_ls(const std::vector<std::string>& argv) {
       bool two = twice(minutes[i], k);
       ntwice += two;
       long long region = m.offset;
-      j.obj().str("name", mname).num("time", m.time).num("bytes", m.size).num("offset", region);
+      j.obj().str("name", mname).num("time", m.time).num("bytes", m.size).num("region", region);
       j.str("channels", channel_list(chans)).boolean("recorded_twice", two).end();
       if (!as_json)
         printf("  %-12s  %s  %11d bytes  channels %s%s\n", mname.c_str(), fmt_time(m.time).c_str(),

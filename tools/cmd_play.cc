@@ -18,6 +18,7 @@
 #include "cli.h"
 #include "command.h"
 #include "player.h"
+#include "range_survey.h"
 #include "time_arg.h"
 
 namespace tool {
@@ -184,6 +185,10 @@ int run_play(const std::vector<std::string>& in) {
   if (a.extracting)
     return extract(vol, a.at, a.to, a.has_to, static_cast<int>(a.ch), a.out, a.json);
 
+  if (a.keyframes && a.mask != 0xFFFFFFFFu)
+    warn_empty(
+        a.reverse ? survey_range(vol, 0, a.at, false) : survey_range(vol, a.at, INT32_MAX, false),
+        a.mask, a.reverse ? "before --at" : "after --at");
   player p(app, a.reverse ? -1 : 1, a.keyframes, a.mask, static_cast<int>(a.step));
   json j;
   j.obj().arr("blocks");

@@ -309,14 +309,7 @@ int run_record(const std::vector<std::string>& in) {
       tool::progress("record", static_cast<double>(cap.now_ms() - from * 1000),
                      static_cast<double>(end_ms - from * 1000));
   }
-  // The open minute's motion, event log and key-frame index live in memory until the
-  // next minute's first block; a recorder that stops writes them back before flush.
-  if (app->cur_db != nullptr && app->min_e.name[0] != 0) {
-    app->writeback_motion_info(app->cur_db);
-    app->writeback_log_info(app->cur_db);
-    app->writeback_Iframe_info(app->cur_db);
-  }
-  app->flush();
+  tool::finish_recording(*app);
   clock_gettime(CLOCK_MONOTONIC, &t1);
   tool::progress_end();
   app->db_close();

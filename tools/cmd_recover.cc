@@ -473,7 +473,7 @@ int run_rebuild(std::vector<disk>& disks, const std::string& out, long long size
     fs_sys.time = rebuild_time;
     fs_sys.clock_gettime = rebuild_clock;
     walk_blocks(disks, from, to, rebuilder::visit, &rb);
-    app->flush();
+    tool::finish_recording(*app);
     fs_sys = keep;
     if (rb.failed)
       rc = fail("writing the rebuilt volume failed after " + std::to_string(rb.blocks) +

@@ -131,9 +131,10 @@ head_t* player::settle(bool moved) {
 }
 
 // Backwards from `at`: r_set leaves the cursor on the first block at or after it, or on
-// one of the minute's own records at its start (their times are when they were written).
-// Forwards over those and over the blocks at or before `at`, then one step back: the
-// last block at or before `at`.
+// one of the minute's own records at its start (their times are when they were written),
+// or, when the minute it chose ends before `at`, where it was. Forwards over records and
+// blocks at or before `at` (into later minutes too: a minute split between two disks
+// goes on on the other), then one step back: the last block at or before `at`.
 void player::back_to(long long at) {
   for (int guard = 0; guard < 10000000; guard++) {
     head_t* h = app_.r_head();
@@ -143,12 +144,20 @@ void player::back_to(long long at) {
       return;
     }
     int here = app_.r_cur.off;
-    if (app_.r_seek(1) != 0) {
-      // The end of the minute: its last block is the one.
-      app_.r_cur.off = here;
-      app_.r_head();
+    if (app_.r_seek(1) == 0) continue;
+    int32_t t = app_.r_cur.min.time;
+    if (app_.r_next(1) == 0) {
+      if (app_.r_cur.min.time > t) {
+        minute_time_ = app_.r_cur.min.time;
+        continue;
+      }
+      // The walk wrapped to the oldest minute: back to the end of this one.
+      app_.r_next(-1);
       return;
     }
+    app_.r_cur.off = here;
+    app_.r_head();
+    return;
   }
 }
 

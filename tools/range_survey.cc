@@ -3,6 +3,7 @@
 #include <ringrec/ringrec.h>
 #include <string.h>
 
+#include "quiet.h"
 #include "time_arg.h"
 #include "volume_list.h"
 
@@ -53,7 +54,7 @@ bool walk_minute(fs_db& db, entry_t m, lost_span* out) {
 
 }  // namespace
 
-range_survey survey_range(volume_set& v, long long beg, long long end) {
+range_survey survey_range(volume_set& v, long long beg, long long end, bool blocks) {
   range_survey out;
   fs_app& app = *v.app;
   for (int d = 0; d < app.db_cnt; d++) {
@@ -83,11 +84,17 @@ range_survey survey_range(volume_set& v, long long beg, long long end) {
         lost_span s;
         s.disk = v.name(d);
         s.minute.assign(m.name, strnlen(m.name, sizeof m.name));
-        if (!walk_minute(*db, m, &s)) out.lost.push_back(s);
+        if (blocks && !walk_minute(*db, m, &s)) out.lost.push_back(s);
       }
     }
   }
   return out;
+}
+
+void warn_empty(const range_survey& s, uint32_t wanted, const std::string& range) {
+  for (int ch = 0; ch < 32; ch++)
+    if ((wanted >> ch & 1) && !(s.channels >> ch & 1))
+      err("warning: channel %d holds nothing %s", ch, range.c_str());
 }
 
 std::string describe(const lost_span& s) {

@@ -37,8 +37,11 @@ struct range_survey {
   int unreadable_tables = 0;  // hour tables or entries that could not be read at all
 };
 
-// Surveys [beg, end] on every volume of v that can be read.
-range_survey survey_range(volume_set& v, long long beg, long long end);
+// Surveys [beg, end] on every volume of v that can be read; the stored blocks are walked
+// (for `lost`) only when `blocks` is true.
+range_survey survey_range(volume_set& v, long long beg, long long end, bool blocks = true);
+// Warns of each channel of `wanted` that holds nothing in the survey's range.
+void warn_empty(const range_survey& s, uint32_t wanted, const std::string& range);
 
 // "10:00:16 to 10:00:59 of MIN_10:00 on sda.img (blocks unreadable from data offset N)".
 std::string describe(const lost_span& s);

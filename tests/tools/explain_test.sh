@@ -87,7 +87,7 @@ at=$(python3 -c '
 import json, sys
 ls, p = json.load(open(sys.argv[1])), json.load(open(sys.argv[2]))["blocks"][0]
 m = [m for h in ls["hour_entries"] for m in h["minutes"] if m["name"] == p["minute"]][0]
-print(m["offset"] + p["offset"])' "$dir/ls.json" "$dir/p.json")
+print(m["region"] + p["offset"])' "$dir/ls.json" "$dir/p.json")
 dd if=/dev/zero of="$dir/block.img" bs=288 count=1 seek="$at" oflag=seek_bytes conv=notrunc 2>/dev/null
 mkdir "$dir/e"
 check gap-export 1 rr export "$dir/block.img" "${span[@]}" --ch 0 "$dir/e"

@@ -6,7 +6,7 @@
 . "$(dirname "$0")/cli_kit.sh" read_tool "$@"
 
 b=$dir/board
-rr sim create "$b" --disks 2 --size 96M >/dev/null && rr --root "$b" format sda >/dev/null &&
+rr sim create "$b" --disks 2 --size 160M >/dev/null && rr --root "$b" format sda >/dev/null &&
   rr --root "$b" format sdb >/dev/null || { echo "FAIL: no board"; exit 1; }
 cat >"$dir/events" <<'END'
 30 motion 1 0x0F    # 10:58:30, grid words 0..3 of channel 1
@@ -15,7 +15,7 @@ cat >"$dir/events" <<'END'
 180 motion 0 0x1    # 11:01:00: the last minute's first second, kept though nothing follows
 END
 check record 0 rr --root "$b" record --channels 2 --from "2024-05-01 10:58" --minutes 4 \
-  --main-kbps 1000 --sub-kbps 100 --no-audio --events "$dir/events"
+  --main-kbps 3000 --sub-kbps 100 --no-audio --events "$dir/events"
 # The simulator's own count of the blocks it handed to the library.
 blocks=$(sed -n 's/.*: \([0-9]*\) blocks.*/\1/p' "$dir/out")
 [ -n "$blocks" ] || { echo "FAIL: no block count"; cat "$dir/out"; exit 1; }
@@ -92,6 +92,7 @@ equal keyframes-ch1 "$(sed 1d "$dir/out" | cut -c12-19 | tr '\n' ' ')" \
 # Channel 2 was not recorded: no key frame carries it.
 check keyframes-ch2 1 rr --root "$b" play --at "2024-05-01 10:59:58" --keyframes --ch 2
 has keyframes-ch2 err "no main-stream key frame with channels 2"
+has keyframes-ch2 err "channel 2 holds nothing after --at"
 # Steps of more than 10 s keep their pace across minutes.
 check keyframes-step 0 rr --root "$b" play --at "2024-05-01 10:58:30" --keyframes --step 10 --count 5
 equal keyframes-step "$(sed 1d "$dir/out" | cut -c12-19 | tr '\n' ' ')" "10:58:30 10:58:41 10:58:52 10:59:03 10:59:14 "

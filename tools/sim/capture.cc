@@ -33,6 +33,10 @@ void put_payload(std::string& out, int n, uint32_t& s) {
   for (int i = 0; i < n; i++) out.push_back(static_cast<char>(1 + next_rand(s) % 255));
 }
 
+// NAL unit types of the sequence parameter sets.
+const int AVC_NAL_SPS = 7;
+const int HEVC_NAL_SPS = 33;
+
 int nal_type(int codec, unsigned char b) { return codec == 265 ? (b >> 1) & 0x3F : b & 0x1F; }
 bool is_vcl(int codec, int t) { return codec == 265 ? t < 32 : (t >= 1 && t <= 5); }
 bool is_key(int codec, int t) { return codec == 265 ? (t >= 16 && t <= 21) : t == 5; }
@@ -161,8 +165,8 @@ void stream_size(const std::vector<access_unit>& units, int codec, int& w, int& 
       std::string nal = u.bytes.substr(r.first, r.second);
       int t = nal_type(codec, static_cast<unsigned char>(nal[0]));
       unsigned sw = 0, sh = 0;
-      bool ok = codec == 265 ? t == 33 && annexb::hevc_size(nal, sw, sh)
-                             : t == 7 && annexb::avc_size(nal, sw, sh);
+      bool ok = codec == 265 ? t == HEVC_NAL_SPS && annexb::hevc_size(nal, sw, sh)
+                             : t == AVC_NAL_SPS && annexb::avc_size(nal, sw, sh);
       if (ok && sw > 0 && sh > 0 && sw <= 16384 && sh <= 16384) {
         w = static_cast<int>(sw);
         h = static_cast<int>(sh);
@@ -286,7 +290,7 @@ struct block_builder {
     data.append(payload);
     h.frames++;
     if (fh.type < 32) h.types |= 1u << fh.type;
-    if (fh.ch < 59) h.count[fh.ch]++;
+    if (fh.ch < sizeof h.count / sizeof h.count[0]) h.count[fh.ch]++;
     if (fh.ch < 32) h.events |= 1u << fh.ch;
   }
   std::string finish(uint32_t events) {
