@@ -197,7 +197,7 @@ int fs_recover::load_index() {
     }
   }
   free(tab);
-  qsort(ext, static_cast<size_t>(ext_cnt), sizeof *ext, cmp_ext);
+  if (ext_cnt > 0) qsort(ext, static_cast<size_t>(ext_cnt), sizeof *ext, cmp_ext);
   return 0;
 }
 
