@@ -299,7 +299,7 @@ int run_ls(const std::vector<std::string>& argv) {
   long long total = 0;
   int nmin = 0, nhour = 0;
   for (size_t i = 0; i < hours.size(); i++) {
-    if (strncmp(hours[i].name, "HOUR_", 5) != 0) continue;
+    if (!entry_is_hour(hours[i].name)) continue;
     nhour++;
     entryX_t x;
     long long off = hours[i].offset;
@@ -309,7 +309,7 @@ int run_ls(const std::vector<std::string>& argv) {
     }
     minutes[i] = read_table(db, x, &bad);
     for (const entry_t& m : minutes[i])
-      if (strncmp(m.name, "MIN_", 4) == 0 && m.size > 0) {
+      if (entry_is_min(m.name) && m.size > 0) {
         nmin++;
         total += m.size;
       }
@@ -318,12 +318,12 @@ int run_ls(const std::vector<std::string>& argv) {
          nmin == 1 ? "" : "s", human(total).c_str());
   for (size_t i = 0; i < hours.size(); i++) {
     const entry_t& h = hours[i];
-    if (strncmp(h.name, "HOUR_", 5) != 0) continue;
+    if (!entry_is_hour(h.name)) continue;
     hour_rec_t hr;
     memcpy(&hr, &h.time, sizeof hr);
     printf("%-.32s  %s  events 0x%X\n", h.name, fmt_time(hr.time).c_str(), hr.events);
     for (const entry_t& m : minutes[i]) {
-      if (strncmp(m.name, "MIN_", 4) != 0 || m.size <= 0) continue;
+      if (!entry_is_min(m.name) || m.size <= 0) continue;
       printf("  %-12.32s  %s  %11d bytes  channels %s\n", m.name, fmt_time(m.time).c_str(), m.size,
              channels_in(m).c_str());
     }
