@@ -216,8 +216,21 @@ int volume_set::open(const std::vector<std::string>& disks) {
     else
       good++;
   }
+  if (good == 0 && !damaged.empty())
+    return fail("nothing can be listed: the index of every disk named is damaged (see above)");
   if (good == 0) return fail("none of the disks holds a readable volume");
   return 0;
+}
+
+// ---- recording --------------------------------------------------------------------------
+
+void finish_recording(fs_app& app) {
+  if (app.cur_db != nullptr && app.min_e.name[0] != 0) {
+    app.writeback_motion_info(app.cur_db);
+    app.writeback_log_info(app.cur_db);
+    app.writeback_Iframe_info(app.cur_db);
+  }
+  app.flush();
 }
 
 // ---- JSON -------------------------------------------------------------------------------

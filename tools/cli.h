@@ -83,6 +83,13 @@ struct volume_set {
   std::vector<std::string> labels_;
 };
 
+// ---- recording --------------------------------------------------------------------------
+
+// Stops recording the way a recorder must: the open minute's motion, event log and
+// key-frame index live in memory until the next minute's first block, so they are
+// written back first; then flush makes the minute and hour entries durable.
+void finish_recording(fs_app& app);
+
 // ---- JSON -------------------------------------------------------------------------------
 
 // s as a JSON string, in quotes, with quotes, backslashes and control bytes escaped.

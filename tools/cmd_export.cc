@@ -2,12 +2,16 @@
 // files a computer plays, the way the recorder's own backup menu does it.
 //
 //   ringrec export [DISK...] --from TIME --to TIME --ch N[,M...] OUTDIR [--substream]
-//                  [--audio] [--format mp4|irf|oem] [--single-pass]
+//                  [--format mp4|irf|oem] [--single-pass [--audio]] [--force] [--json]
 //
 // MP4 (the default) goes through the two-phase export: a plan (printed), then each
-// planned file written front to back. --single-pass writes as it reads, one file
-// running across hours until the picture changes; --audio adds the sound track there,
-// a file per hour (two-phase files carry a channel's recorded sound as they find it).
+// planned file written front to back; its files always carry a channel's recorded
+// sound as they find it, so --audio there is a usage error. --single-pass writes as it
+// reads, one file running across hours until the picture changes; --audio adds the
+// sound track there, a file per hour. A file of the same name in OUTDIR is not
+// replaced without --force (or --yes). Stored blocks that cannot be read end their
+// minute for the readers: the tool names each such span and exits 1, since the files
+// are valid but shorter than the range.
 // Channels are numbered from 0, as everywhere in the tool; the file names count them
 // from 1 ("ch01" is channel 0), as the recorder names its exports. --format irf writes
 // one IRF backup file per selected hour with every chosen channel; --format oem one
@@ -36,8 +40,10 @@
 
 #include "cli.h"
 #include "command.h"
+#include "export_job.h"
 #include "export_progress.h"
 #include "quiet.h"
+#include "range_survey.h"
 #include "time_arg.h"
 
 namespace {
@@ -52,15 +58,13 @@ const char* const kUsage =
     "export [DISK...] --from TIME --to TIME --ch N[,M...] OUTDIR [--substream] [--audio] "
     "[--format mp4|irf|oem] [--single-pass]";
 
-bool write_failed(FILE* f) {
-  bool bad = fflush(f) != 0 || ferror(f) != 0;
-  return fclose(f) != 0 || bad;
-}
-
-long long size_of(const std::string& p) {
-  struct stat st;
-  return stat(p.c_str(), &st) == 0 ? st.st_size : -1;
-}
+using job = tool::export_job;
+using tool::say;
+using tool::size_of;
+using tool::taken;
+using tool::write_error;
+using tool::write_failed;
+using tool::wrote;
 
 // A single-pass file is written before its name is known; the name follows the
 // pattern of the planned files, numbered when taken.
@@ -89,48 +93,32 @@ void set_mdat_size(FILE* f, unsigned data) {
   fwrite(b, 1, 4, f);
 }
 
-struct job;
-int say(job& j, const std::string& msg);
-
-struct job {
-  fs_app* app;
-  std::string dir;
-  int beg, end;
-  std::vector<int> chans;
-  int mask;
-  bool sub, audio, single;
-  std::string format;
-  FILE* out;  // tool's own messages
-  tool::progress_reader* prog;
-  int files = 0;
-  std::string cut;  // the file cut short by a cancel
-};
-
-int say(job& j, const std::string& msg) {
-  j.prog->line(j.out, "ringrec: " + msg);
-  return 1;
-}
-
-void wrote(job& j, const std::string& path, long long bytes) {
-  j.prog->line(stdout, "wrote " + path + " (" + std::to_string(bytes) + " bytes)");
-}
-
-// Output that could not be written whole (a full or failing USB stick): an MP4 file
-// without its closing boxes, or a scratch file not yet named, is of no use to anyone,
-// so it goes, and the run stops there.
-int write_error(job& j, const std::string& path) {
-  remove(path.c_str());
-  return say(
-      j, "writing into " + j.dir + " failed (is the disk full?); the unfinished file was removed");
-}
-
 int two_phase(job& j) {
   std::vector<char> plan(1 << 20, '\0');
   int n = j.sub ? j.app->bk_phase_one_substream(j.dir.c_str(), j.beg, j.end, j.mask, plan.data())
                 : j.app->bk_phase_one(j.dir.c_str(), j.beg, j.end, j.mask, plan.data());
   if (n <= 0) return say(j, "nothing recorded on those channels between --from and --to");
-  fprintf(stdout, "plan (name channel bytes item entry offset time):\n%s", plan.data());
-  fflush(stdout);
+  if (!j.json) {
+    std::string text = plan.data();
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    j.prog->line(stdout, "plan (name channel bytes item entry offset time):\n" + text);
+  }
+  // The plan's files, checked before any is written.
+  std::vector<std::string> names;
+  for (const char* p = plan.data(); *p;) {
+    const char* nl = strchr(p, '\n');
+    std::string line(p, nl ? static_cast<size_t>(nl - p) : strlen(p));
+    p = nl ? nl + 1 : p + line.size();
+    char name[128];
+    int ch, size, item, entry, off, t;
+    if (sscanf(line.c_str(), "%127s %d %d %d %d %d %d", name, &ch, &size, &item, &entry, &off,
+               &t) != 7)
+      continue;
+    names.push_back(name);
+    j.plan.push_back(line);
+  }
+  for (const std::string& name : names)
+    if (taken(j, j.dir + "/" + name)) return 1;
   const char* p = plan.data();
   while (*p) {
     const char* nl = strchr(p, '\n');
@@ -233,117 +221,81 @@ int single_pass(job& j) {
   return 0;
 }
 
-std::string stamp(int time, const char* ext) {
-  time_t t = time;
-  struct tm tm;
-  gmtime_r(&t, &tm);
-  char b[64];
-  snprintf(b, sizeof b, "%04d%02d%02d_%02dh%02dm%02ds.%s", tm.tm_year + 1900, tm.tm_mon + 1,
-           tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, ext);
-  return b;
+void tell_gaps(job& j, const tool::range_survey& survey) {
+  for (const tool::lost_span& l : survey.lost)
+    say(j, "incomplete: stored blocks could not be read, " + tool::describe(l));
+  if (!survey.lost.empty())
+    say(j, "the exported files are valid but lack those seconds" +
+               (tool::recover_hint(survey.lost[0].disk).empty()
+                    ? std::string()
+                    : "; " + tool::recover_hint(survey.lost[0].disk)));
 }
 
-// The application prepares the IRF file header: "TOLVEX", a zero, version 0, the rest
-// zero to 4096 bytes. The tool makes one when the board has none, and removes it after.
-bool irf_header(std::string* made) {
-  std::string path = tool::board_path(IRF_HEADER_FILE);
-  if (access(path.c_str(), R_OK) == 0) return true;
-  FILE* f = fopen(path.c_str(), "wb");
-  if (!f) return false;
-  std::vector<char> h(4096, 0);
-  memcpy(h.data(), "TOLVEX", 6);
-  fwrite(h.data(), 1, h.size(), f);
-  fclose(f);
-  *made = path;
-  return true;
-}
-
-// IRF: one file per selected hour holding every chosen channel.
-int irf_export(job& j) {
-  std::string made;
-  if (!irf_header(&made)) return say(j, "cannot prepare the IRF header in /tmp");
-  int items = j.app->bk_set(j.beg, j.end, j.mask);
-  int rc = 0;
-  for (int item = 0; item < items && !cancelled(); item++) {
-    std::string name = stamp(std::max(j.beg, j.app->bk_state.items[item].e.time), "irf");
-    std::string path = j.dir + "/" + name;
-    FILE* f = fopen(path.c_str(), "wb");
-    if (!f) {
-      rc = say(j, "cannot create " + path + ": " + strerror(errno));
-      break;
-    }
-    int started = 0;
-    j.app->bk_irf_write(f, item, j.mask, started);
-    if (write_failed(f)) {
-      rc = say(j, "writing " + path + " failed (is the disk full?)");
-      break;
-    }
-    if (!started) {
-      remove(path.c_str());
-      continue;
-    }
-    wrote(j, path, size_of(path));
-    j.files++;
-    if (cancelled()) j.cut = name;
+void print_json(job& j, const tool::range_survey& survey, int rc) {
+  tool::json o;
+  o.obj().str("directory", j.dir).str("format", j.format).arr("plan");
+  for (const std::string& line : j.plan) {
+    char name[128];
+    int ch, size, item, entry, off, t;
+    if (sscanf(line.c_str(), "%127s %d %d %d %d %d %d", name, &ch, &size, &item, &entry, &off,
+               &t) == 7)
+      o.obj()
+          .str("name", name)
+          .num("channel", ch)
+          .num("bytes", size)
+          .num("item", item)
+          .num("entry", entry)
+          .num("offset", off)
+          .num("time", t)
+          .end();
   }
-  if (!made.empty()) remove(made.c_str());
-  if (rc == 0 && j.files == 0 && !cancelled())
-    return say(j, "nothing recorded on those channels between --from and --to");
-  return rc;
-}
-
-// OEM frame format: one file per minute, named after its first frame.
-int oem_export(job& j) {
-  int items = j.app->bk_set(j.beg, j.end, j.mask);
-  std::string tmp = j.dir + "/.export.part";
-  for (int item = 0; item < items && !cancelled(); item++) {
-    for (;;) {
-      FILE* f = fopen(tmp.c_str(), "wb");
-      if (!f) return say(j, "cannot create " + tmp + ": " + strerror(errno));
-      int ftime = 0;
-      int r = j.app->bk_kesto_write(f, item, j.mask, ftime);
-      if (write_failed(f)) return write_error(j, tmp);
-      if (ftime == 0 || size_of(tmp) <= 0) {
-        remove(tmp.c_str());
-      } else {
-        std::string name = stamp(ftime, "oem");
-        std::string path = j.dir + "/" + name;
-        if (rename(tmp.c_str(), path.c_str()) != 0) return say(j, "cannot name " + path);
-        wrote(j, path, size_of(path));
-        // A file holds one minute and the writer looks for the marker only between
-        // minutes, so a cancel never cuts one short: none is named.
-        j.files++;
-      }
-      if (r != 1) break;
-    }
-  }
-  if (j.files == 0 && !cancelled())
-    return say(j, "nothing recorded on those channels between --from and --to");
-  return 0;
+  o.end().arr("files");
+  for (const auto& w : j.written) o.obj().str("path", w.first).num("bytes", w.second).end();
+  o.end().arr("lost");
+  for (const tool::lost_span& l : survey.lost)
+    o.obj()
+        .str("disk", l.disk)
+        .str("minute", l.minute)
+        .num("from", l.from)
+        .num("to", l.to)
+        .num("offset", l.offset)
+        .end();
+  o.end().arr("recorded_twice");
+  for (const tool::twice_minute& t : survey.twice)
+    o.obj().str("disk", t.disk).num("minute", t.minute).end();
+  o.end().arr("empty_channels");
+  for (int ch : j.chans)
+    if (!(survey.channels >> ch & 1)) o.num(nullptr, ch);
+  o.end().boolean("cancelled", cancelled()).boolean("complete", rc == 0).end().print();
 }
 
 int run_export(const std::vector<std::string>& in) {
   std::vector<std::string> args = in;
-  std::string from, to, chs, format = "mp4";
+  std::string chs, format = "mp4";
   bool sub = take_flag(args, "--substream");
   bool audio = take_flag(args, "--audio");
   bool single = take_flag(args, "--single-pass");
+  bool force = take_flag(args, "--force");
+  force = take_flag(args, "--yes") || force;
+  bool as_json = take_flag(args, "--json");
   take_option(args, "--format", &format);
-  if (!take_option(args, "--from", &from)) return usage_error("export", "--from is required");
-  if (!take_option(args, "--to", &to)) return usage_error("export", "--to is required");
+  long long b = 0, e = 0;
+  bool has_from, has_to;
+  if (!tool::take_time(args, "--from", &b, &has_from))
+    return usage_error("export", "bad --from: seconds or YYYY-MM-DD HH:MM[:SS] (UTC)");
+  if (!tool::take_time(args, "--to", &e, &has_to))
+    return usage_error("export", "bad --to: seconds or YYYY-MM-DD HH:MM[:SS] (UTC)");
+  if (!has_from || !has_to) return usage_error("export", "--from and --to are required");
   if (!take_option(args, "--ch", &chs)) return usage_error("export", "--ch is required");
-  for (const std::string& a : args)
-    if (a.compare(0, 2, "--") == 0) return usage_error("export", "unknown option '" + a + "'");
+  int rc = 0;
+  if (!tool::only_positional("export", args, &rc)) return rc;
   if (args.empty()) return usage_error("export", "give the output directory");
   job j;
+  j.json = as_json;
+  j.force = force;
   // The last name is the output directory; any before it are the disks to read.
   j.dir = args.back();
   args.pop_back();
-  long long b = 0, e = 0;
-  if (!tool::parse_time(from, &b))
-    return usage_error("export", "--from: seconds or YYYY-MM-DD HH:MM[:SS]");
-  if (!tool::parse_time(to, &e))
-    return usage_error("export", "--to: seconds or YYYY-MM-DD HH:MM[:SS]");
   if (e < b) return usage_error("export", "--to is before --from");
   j.beg = static_cast<int>(b);
   j.end = static_cast<int>(e);
@@ -357,6 +309,10 @@ int run_export(const std::vector<std::string>& in) {
   if (sub && single) return usage_error("export", "--substream exports are two-phase only");
   if (format != "mp4" && (sub || single || audio))
     return usage_error("export", "--substream, --audio and --single-pass are for --format mp4");
+  if (audio && !single)
+    return usage_error("export",
+                       "--audio goes with --single-pass: two-phase files always carry the "
+                       "channel's recorded sound");
   struct stat st;
   if (stat(j.dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
     return fail("output directory " + j.dir + " does not exist: create it first");
@@ -375,7 +331,7 @@ int run_export(const std::vector<std::string>& in) {
   fs_app* app = vols.app;
   j.app = app;
   app->set(32);
-  int rc = vols.open(args);
+  rc = vols.open(args);
   if (rc != 0) {
     if (tool_out) fclose(tool_out);
     return rc;
@@ -388,10 +344,18 @@ int run_export(const std::vector<std::string>& in) {
   if (!prog.open())
     fprintf(j.out, "ringrec: no progress semaphore (%s); exporting without progress\n",
             strerror(errno));
+  // What the range holds, read before the writers run: channels with nothing, minutes
+  // recorded twice, and blocks the readers will stop at.
+  tool::range_survey survey = tool::survey_range(vols, j.beg, j.end);
+  tool::warn_empty(survey, static_cast<uint32_t>(j.mask), "between --from and --to");
+  for (const tool::twice_minute& t : survey.twice)
+    say(j, "warning: " + tool::fmt_time(t.minute).substr(0, 16) + " was recorded twice on " +
+               t.disk +
+               " (a clock set back?): its files hold both recordings, one after the other");
   tool::cancel_arm();
   prog.start();
-  rc = format == "irf"   ? irf_export(j)
-       : format == "oem" ? oem_export(j)
+  rc = format == "irf"   ? tool::irf_export(j)
+       : format == "oem" ? tool::oem_export(j)
        : single          ? single_pass(j)
                          : two_phase(j);
   // Completion (100 %, result 1) is posted only for a run that completed: a recorder's
@@ -402,15 +366,20 @@ int run_export(const std::vector<std::string>& in) {
   tool::cancel_disarm();
   if (cancelled()) {
     if (!j.cut.empty())
-      fprintf(j.out, "ringrec: cancelled: %s was cut short%s; %d file(s) before it are whole\n",
-              j.cut.c_str(), format == "mp4" && !single ? " and removed" : "",
-              j.files - (format == "mp4" && !single ? 0 : 1));
+      say(j, "cancelled: " + j.cut + " was cut short" +
+                 (format == "mp4" && !single ? " and removed" : "") + "; " +
+                 std::to_string(j.files - (format == "mp4" && !single ? 0 : 1)) +
+                 " file(s) before it are whole");
     else
-      fprintf(j.out, "ringrec: cancelled after %d file(s)\n", j.files);
+      say(j, "cancelled after " + std::to_string(j.files) + " file(s)");
     rc = 1;
   } else if (rc == 0) {
-    fprintf(j.out, "exported %d file(s) into %s\n", j.files, j.dir.c_str());
+    tell_gaps(j, survey);
+    if (!survey.lost.empty()) rc = 1;
+    fprintf(j.out, "exported %d file(s) into %s%s\n", j.files, j.dir.c_str(),
+            survey.lost.empty() ? "" : ", incomplete");
   }
+  if (j.json) print_json(j, survey, rc);
   if (tool_out) fclose(tool_out);
   return rc;
 }

@@ -13,11 +13,13 @@
 #include <vector>
 
 #include "annexb.h"
+#include "cli.h"
 #include "command.h"
 
 namespace {
 
-const char* kUsage = "irf FILE [--frames] [--extract CH OUT.h264] [--mp4 OUT.mp4 [--ch CH]]";
+const char* kUsage =
+    "irf FILE [--frames] [--extract CH OUT.h264] [--mp4 OUT.mp4 [--ch CH]] [--json]";
 
 struct chan_stats {
   long long keys = 0, video = 0, audio = 0, bytes = 0;
@@ -78,9 +80,27 @@ long long walk(fs_app& app, int size, bool need_data, bool* cut, long long* cut_
   return n;
 }
 
+void print_summary(const std::string& path, int size, long long n, std::map<int, chan_stats>& stats,
+                   long long bad_links, bool cut, long long cut_at) {
+  printf("%s: IRF, %d bytes, %lld frame records\n", path.c_str(), size, n);
+  for (auto& kv : stats) {
+    const chan_stats& s = kv.second;
+    printf("  channel %d: %lld video frames (%lld key), %lld audio frames, %lld bytes", kv.first,
+           s.video, s.keys, s.audio, s.bytes);
+    if (s.w) printf(", %ux%u at %u/s", s.w, s.h, s.fps);
+    printf("\n");
+  }
+  if (bad_links) printf("  %lld back links point at no earlier key frame\n", bad_links);
+  if (cut)
+    printf("  the records end at offset %lld, before the end of the file: damaged or cut short\n",
+           cut_at);
+}
+
 int run_irf(const std::vector<std::string>& args_in) {
   std::vector<std::string> args = args_in;
   bool list = tool::take_flag(args, "--frames");
+  bool as_json = tool::take_flag(args, "--json");
+  tool::json j;
   std::string mp4_out, ch_s;
   bool want_mp4 = tool::take_option(args, "--mp4", &mp4_out);
   bool ch_given = tool::take_option(args, "--ch", &ch_s);
@@ -120,7 +140,8 @@ int run_irf(const std::vector<std::string>& args_in) {
   long long bad_links = 0;
   bool cut = false;
   long long cut_at = 0;
-  if (list)
+  j.obj().str("file", args[0]).arr("frames");
+  if (list && !as_json)
     printf("%10s  %-5s  %2s  %8s  %10s  %-9s  %3s  %10s  %10s\n", "offset", "kind", "ch", "bytes",
            "link", "picture", "fps", "w5", "w6");
   long long n = walk(app, size, false, &cut, &cut_at,
@@ -139,7 +160,18 @@ int run_irf(const std::vector<std::string>& args_in) {
                        // already seen.
                        if (r.link != 0 && r.link != -1 && !keys.count(r.link)) bad_links++;
                        if (r.kind == IRF_KIND_KEY) keys.insert(pos);
-                       if (list) {
+                       if (list && as_json)
+                         j.obj()
+                             .num("offset", pos)
+                             .str("kind", kind_name(r.kind))
+                             .num("ch", r.ch)
+                             .num("bytes", r.len)
+                             .num("link", r.link)
+                             .num("width", r.w2)
+                             .num("height", r.w3)
+                             .num("fps", r.w4)
+                             .end();
+                       if (list && !as_json) {
                          char pic[24] = "";
                          if (r.kind != IRF_KIND_AUDIO)
                            snprintf(pic, sizeof pic, "%ux%u", r.w2, r.w3);
@@ -149,21 +181,28 @@ int run_irf(const std::vector<std::string>& args_in) {
                        }
                        return true;
                      });
-  printf("%s: IRF, %d bytes, %lld frame records\n", path.c_str(), size, n);
-  for (auto& kv : stats) {
-    const chan_stats& s = kv.second;
-    printf("  channel %d: %lld video frames (%lld key), %lld audio frames, %lld bytes", kv.first,
-           s.video, s.keys, s.audio, s.bytes);
-    if (s.w) printf(", %ux%u at %u/s", s.w, s.h, s.fps);
-    printf("\n");
-  }
-  if (bad_links) printf("  %lld back links point at no earlier key frame\n", bad_links);
+  j.end().num("bytes", size).num("records", n).num("bad_links", bad_links);
   if (cut)
-    printf("  the records end at offset %lld, before the end of the file: damaged or cut short\n",
-           cut_at);
-
+    j.num("cut_at", cut_at);
+  else
+    j.null("cut_at");
+  j.arr("channels");
+  for (auto& kv : stats)
+    j.obj()
+        .num("channel", kv.first)
+        .num("video", kv.second.video)
+        .num("keys", kv.second.keys)
+        .num("audio", kv.second.audio)
+        .num("bytes", kv.second.bytes)
+        .num("width", kv.second.w)
+        .num("height", kv.second.h)
+        .num("fps", kv.second.fps)
+        .end();
+  j.end();
+  if (!as_json) print_summary(path, size, n, stats, bad_links, cut, cut_at);
   if (raw_out.empty() && !want_mp4) {
     app.usb_close_irf();
+    if (as_json) j.end().print();
     return 0;
   }
   if (ch < 0) {
@@ -218,8 +257,16 @@ int run_irf(const std::vector<std::string>& args_in) {
   if (raw) {
     bool ok = fclose(raw) == 0;
     if (!ok) return tool::fail("writing " + raw_out + " failed: check the free space");
-    printf("%s: channel %d, %lld frames, raw %s stream\n", raw_out.c_str(), ch, frames,
-           hevc ? "H.265" : "H.264");
+    if (as_json)
+      j.obj("raw")
+          .str("path", raw_out)
+          .num("channel", ch)
+          .num("frames", frames)
+          .str("codec", hevc ? "H.265" : "H.264")
+          .end();
+    else
+      printf("%s: channel %d, %lld frames, raw %s stream\n", raw_out.c_str(), ch, frames,
+             hevc ? "H.265" : "H.264");
   }
   if (m) {
     FILE* out = fopen(mp4_out.c_str(), "wb");
@@ -242,10 +289,22 @@ int run_irf(const std::vector<std::string>& args_in) {
     m->w_box_moov(out);
     delete m;
     if (fclose(out) != 0) return tool::fail("writing " + mp4_out + " failed: check the free space");
-    printf("%s: channel %d, %s %ux%u at %u/s, %lld frames\n", mp4_out.c_str(), ch,
-           hevc ? "H.265" : "H.264", stats[ch].w, stats[ch].h, stats[ch].fps, written);
+    if (as_json)
+      j.obj("mp4")
+          .str("path", mp4_out)
+          .num("channel", ch)
+          .str("codec", hevc ? "H.265" : "H.264")
+          .num("width", stats[ch].w)
+          .num("height", stats[ch].h)
+          .num("fps", stats[ch].fps)
+          .num("frames", written)
+          .end();
+    else
+      printf("%s: channel %d, %s %ux%u at %u/s, %lld frames\n", mp4_out.c_str(), ch,
+             hevc ? "H.265" : "H.264", stats[ch].w, stats[ch].h, stats[ch].fps, written);
   }
   app.usb_close_irf();
+  if (as_json) j.end().print();
   return 0;
 }
 

@@ -13,12 +13,14 @@
 // (Annex B), e.g. ffmpeg ... -c:v libx264 -bf 0 -g 25 -f h264 main.264.
 //
 // SCRIPT: one event a line, '#' starts a comment; SECOND counts from --from.
-//   SECOND motion CH [WORD...]   motion on channel CH: motion-area words (default one
-//                                word of all ones) and the Motion bit of the event log
+//   SECOND motion CH WORD...     motion on channel CH: motion-area words (at least one
+//                                not 0) and the Motion bit of the event log
 //   SECOND vloss MASK            video loss on the channels of MASK
 //   SECOND sensor MASK           alarm inputs of MASK
 //   SECOND event BITS            event bits carried by the blocks from then on (0 ends)
-// MASK, WORD and BITS take C notation (0x1F, 31).
+// MASK, WORD and BITS take C notation (0x1F, 31). Reports of second S are made after
+// that second's first blocks are written, so they land in the minute that holds S;
+// event bits go into the block headers, so they take effect before.
 #include <ringrec/fs_app.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -29,6 +31,7 @@
 #include <string>
 #include <vector>
 
+#include "cli.h"
 #include "command.h"
 #include "sim/capture.h"
 #include "time_arg.h"
@@ -56,7 +59,7 @@ int open_disks(fs_app& app, const char* mode) {
 
 int run_disks(const std::vector<std::string>& in) {
   std::vector<std::string> args = in;
-  bool json = take_flag(args, "--json");
+  bool as_json = take_flag(args, "--json");
   if (!args.empty()) return usage_error("disks", "unexpected argument '" + args[0] + "'");
   fs_app* app = new fs_app();
   int rc = open_disks(*app, "r");
@@ -73,23 +76,21 @@ int run_disks(const std::vector<std::string>& in) {
   }
   app->db_close();
   delete app;
-  if (json) {
-    printf("[");
-    for (size_t i = 0; i < rows.size(); i++) {
-      const disk_row& r = rows[i];
-      printf(
-          "%s\n  {\"device\": \"%s\", \"model\": \"%s\", \"state\": \"%s\", \"mode\": \"%s\", "
-          "\"total\": %lld, \"free\": %lld, \"error\": %d}",
-          i ? "," : "", r.dev, r.model, r.state, r.mode, r.total, r.avail, r.err);
+  if (as_json) {
+    tool::json j;
+    j.arr();
+    for (const disk_row& r : rows) {
+      j.obj().str("device", r.dev).str("model", r.model).str("state", r.state);
+      j.str("mode", r.mode).num("total", r.total).num("free", r.avail).num("error", r.err).end();
     }
-    printf("\n]\n");
+    j.end().print();
     return 0;
   }
   printf("%-4s %-10s %-24s %-7s %-7s %10s %10s %s\n", "#", "DEVICE", "MODEL", "STATE", "MODE",
-         "TOTAL", "FREE", "ERROR");
+         "TOTAL MiB", "FREE MiB", "ERROR");
   for (size_t i = 0; i < rows.size(); i++) {
     const disk_row& r = rows[i];
-    printf("%-4zu %-10s %-24s %-7s %-7s %9lldM %9lldM %d\n", i, r.dev, r.model, r.state, r.mode,
+    printf("%-4zu %-10s %-24s %-7s %-7s %10lld %10lld %d\n", i, r.dev, r.model, r.state, r.mode,
            r.total >> 20, r.avail >> 20, r.err);
   }
   return 0;
@@ -175,8 +176,12 @@ int load_script(const std::string& path, std::vector<script_event>& out, std::st
       ok = parse_int(w[i], &v);
       e.vals.push_back(v);
     }
+    bool some_area = false;
+    for (size_t i = 1; i < e.vals.size(); i++) some_area = some_area || e.vals[i] != 0;
+    // A detector reports motion with the cells that moved; a report without any is no
+    // motion, and is taken for a mistake in the script.
     if (ok && e.kind == "motion")
-      ok = e.vals[0] >= 0 && e.vals[0] < 32 && e.vals.size() <= 21;
+      ok = e.vals[0] >= 0 && e.vals[0] < 32 && e.vals.size() <= 21 && some_area;
     else if (ok && (e.kind == "vloss" || e.kind == "sensor" || e.kind == "event"))
       ok = e.vals.size() == 1;
     else
@@ -184,7 +189,7 @@ int load_script(const std::string& path, std::vector<script_event>& out, std::st
     if (!ok) {
       fclose(f);
       *err = path + ":" + std::to_string(no) +
-             ": expected 'SECOND motion CH [WORD...]', 'SECOND vloss MASK', "
+             ": expected 'SECOND motion CH WORD...' (a word not 0), 'SECOND vloss MASK', "
              "'SECOND sensor MASK' or 'SECOND event BITS'";
       return -1;
     }
@@ -194,6 +199,20 @@ int load_script(const std::string& path, std::vector<script_event>& out, std::st
   std::stable_sort(out.begin(), out.end(),
                    [](const script_event& a, const script_event& b) { return a.at < b.at; });
   return 0;
+}
+
+void apply_report(fs_app& app, const script_event& e) {
+  if (e.kind == "motion") {
+    unsigned words[20];
+    int k = 0;
+    for (size_t i = 1; i < e.vals.size(); i++) words[k++] = static_cast<unsigned>(e.vals[i]);
+    app.set_motion_info(static_cast<int>(e.vals[0]), words, k);
+    app.set_log_info(0, 1 << e.vals[0], 0, 0, 0, 0, 0);
+  } else if (e.kind == "vloss") {
+    app.set_log_info(static_cast<int>(e.vals[0]), 0, 0, 0, 0, 0, 0);
+  } else if (e.kind == "sensor") {
+    app.set_log_info(0, 0, static_cast<int>(e.vals[0]), 0, 0, 0, 0);
+  }
 }
 
 int run_record(const std::vector<std::string>& in) {
@@ -207,11 +226,13 @@ int run_record(const std::vector<std::string>& in) {
   } else {
     return usage_error("record", "--channels is required");
   }
-  if (!take_option(args, "--from", &v) || !parse_time(v, &from) || from < 0 || from > INT32_MAX)
-    return usage_error("record", "--from TIME is required (seconds or YYYY-MM-DD HH:MM:SS)");
-  if (!take_option(args, "--minutes", &v) || !parse_int(v, &minutes) || minutes < 1 ||
-      minutes > 60 * 24 * 366)
-    return usage_error("record", "--minutes M is required (1 or more)");
+  bool given;
+  if (!tool::take_time(args, "--from", &from, &given))
+    return usage_error("record", "bad --from: seconds or YYYY-MM-DD HH:MM[:SS] (UTC)");
+  if (!given) return usage_error("record", "--from TIME is required");
+  if (!take_option(args, "--minutes", &v)) return usage_error("record", "--minutes M is required");
+  if (!parse_int(v, &minutes) || minutes < 1 || minutes > 60 * 24 * 366)
+    return usage_error("record", "bad --minutes '" + v + "': a number of minutes, 1 or more");
   std::vector<std::string> inputs = tool::take_options(args, "--input");
   if (inputs.size() > 2) return usage_error("record", "at most two --input streams");
   if (!inputs.empty()) shape.main_input = inputs[0];
@@ -261,30 +282,16 @@ int run_record(const std::vector<std::string>& in) {
 
   long long end_ms = (from + minutes * 60) * 1000;
   long long blocks = 0, bytes = 0, refused = 0;
-  size_t next_event = 0;
+  size_t next_bits = 0, next_report = 0;
   std::vector<std::string> out;
   struct timespec t0, t1;
   clock_gettime(CLOCK_MONOTONIC, &t0);
   while (cap.now_ms() < end_ms) {
     long long sec = cap.now_ms() / 1000;
     sim::clock_set(sec);
-    while (next_event < script.size() && from + script[next_event].at <= sec) {
-      const script_event& e = script[next_event++];
-      if (e.kind == "motion") {
-        unsigned words[20];
-        int k = 0;
-        for (size_t i = 1; i < e.vals.size(); i++) words[k++] = static_cast<unsigned>(e.vals[i]);
-        if (k == 0) words[k++] = 0xFFFFFFFFu;
-        app->set_motion_info(static_cast<int>(e.vals[0]), words, k);
-        app->set_log_info(0, 1 << e.vals[0], 0, 0, 0, 0, 0);
-      } else if (e.kind == "vloss") {
-        app->set_log_info(static_cast<int>(e.vals[0]), 0, 0, 0, 0, 0, 0);
-      } else if (e.kind == "sensor") {
-        app->set_log_info(0, 0, static_cast<int>(e.vals[0]), 0, 0, 0, 0);
-      } else {
-        cap.set_events(static_cast<uint32_t>(e.vals[0]));
-      }
-    }
+    for (; next_bits < script.size() && from + script[next_bits].at <= sec; next_bits++)
+      if (script[next_bits].kind == "event")
+        cap.set_events(static_cast<uint32_t>(script[next_bits].vals[0]));
     cap.next(out);
     for (const std::string& b : out) {
       if (app->write(cap.time(), static_cast<int>(b.size()), b.data()) == 0) {
@@ -294,11 +301,15 @@ int run_record(const std::vector<std::string>& in) {
         refused++;
       }
     }
+    // The detector's reports of this second, once its first blocks have opened the
+    // minute they belong to.
+    for (; next_report < script.size() && from + script[next_report].at <= sec; next_report++)
+      apply_report(*app, script[next_report]);
     if (cap.now_ms() % 10000 == 0)
       tool::progress("record", static_cast<double>(cap.now_ms() - from * 1000),
                      static_cast<double>(end_ms - from * 1000));
   }
-  app->flush();
+  tool::finish_recording(*app);
   clock_gettime(CLOCK_MONOTONIC, &t1);
   tool::progress_end();
   app->db_close();

@@ -19,6 +19,7 @@
 
 #include "cli.h"
 #include "command.h"
+#include "range_survey.h"
 #include "time_arg.h"
 
 namespace tool {
@@ -190,6 +191,9 @@ int run_search(const std::vector<std::string>& in) {
   fs_app& app = *v.app;
   // A disk whose index cannot be read lists nothing: said above, and the exit says so.
   rc = v.damaged.empty() ? 0 : 1;
+  if (a.by_event && a.mask != 0xFFFFFFFFu)
+    warn_empty(survey_range(v, a.beg, a.end > 0 ? a.end : INT32_MAX, false), a.mask,
+               "in the span searched");
   if (a.by_event || a.by_motion) return find_events(app, a) | rc;
 
   // Recorded time, per disk.

@@ -25,8 +25,10 @@ int run_timeline(const std::vector<std::string>& in) {
   std::vector<std::string> args = in;
   std::string d;
   long long day;
-  if (!take_option(args, "--day", &d) || !parse_day(d, &day) || day < 0 || day + 86399 > INT32_MAX)
+  if (!take_option(args, "--day", &d))
     return usage_error("timeline", "--day YYYY-MM-DD is required");
+  if (!parse_day(d, &day) || day < 0 || day + 86399 > INT32_MAX)
+    return usage_error("timeline", "bad --day '" + d + "': a date YYYY-MM-DD");
   int rc = 0;
   if (!only_positional("timeline", args, &rc)) return rc;
   if (args.empty()) return usage_error("timeline", "give the output file (OUT.svg)");

@@ -1,7 +1,4 @@
-// Volume commands: sim create, format, info, check, ls.
-//
-//   ringrec ls DEV          every minute of every hour: name, first block, size, channels
-//   ringrec ls DEV --raw    the library's own listing (the last minute of each hour)
+// Volume commands: sim create, format, info, check (ls: cmd_ls.cc).
 #include <ringrec/ringrec.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -15,8 +12,10 @@
 
 #include "cli.h"
 #include "command.h"
+#include "dry_run.h"
 #include "sim/board.h"
 #include "time_arg.h"
+#include "volume_list.h"
 
 namespace tool {
 
@@ -36,16 +35,6 @@ std::string human(long long bytes) {
   }
   char buf[32];
   snprintf(buf, sizeof buf, u == 0 ? "%.0f %s" : "%.2f %s", v, units[u]);
-  return buf;
-}
-
-std::string date(long long t) {
-  if (t <= 0) return "-";
-  time_t tt = static_cast<time_t>(t);
-  struct tm tm;
-  gmtime_r(&tt, &tm);
-  char buf[40];
-  strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S UTC", &tm);
   return buf;
 }
 
@@ -71,26 +60,6 @@ const char* err_word(int err) {
     default:
       return "unusable";
   }
-}
-
-// Runs fn with the library's diagnostics (standard error) sent to standard output, for
-// commands whose product is the library's own listing.
-template <typename F>
-void to_stdout(F fn) {
-  fflush(stdout);
-  int saved = dup(2);
-  dup2(1, 2);
-  fn();
-  fflush(stderr);
-  dup2(saved, 2);
-  close(saved);
-}
-
-int no_volume(const std::string& dev) {
-  return fail(dev +
-              " holds no readable volume (unformatted or damaged superblock); "
-              "'ringrec format " +
-              dev + "' creates one, erasing what is there");
 }
 
 int run_sim_create(const std::vector<std::string>& argv) {
@@ -139,7 +108,7 @@ int run_format(const std::vector<std::string>& argv) {
   long long ring = db.sb.size;
   db.close();
   if (r != 0) return fail("format of " + argv[0] + " failed (see the messages above)");
-  printf("%s: formatted, data area %lld MB\n", argv[0].c_str(), ring >> 20);
+  printf("%s: formatted, data area %lld MiB\n", argv[0].c_str(), ring >> 20);
   return 0;
 }
 
@@ -148,200 +117,166 @@ int root_count(fs_db& db) {
   return db.x_read(0, x) == 0 ? x.num : -1;
 }
 
-struct volume_info {
-  sb_t sb;
-  int flag;
-  long long total, free_;
-  int first, last, err, entries;
-};
-
 int run_info(const std::vector<std::string>& argv) {
   std::vector<std::string> args = argv;
-  bool json = take_flag(args, "--json");
+  bool as_json = take_flag(args, "--json");
+  int rc = 0;
+  if (!only_positional("info", args, &rc)) return rc;
   if (args.size() != 1) return usage_error("info", "give one device");
-  std::string dev = resolve_dev(args[0]);
-  if (dev.empty()) return 1;
   fs_db db;
-  if (db.open(0, dev.c_str(), "r") != 0) {
-    if (db.io->fd < 0) return fail("cannot open " + args[0]);
-    return no_volume(args[0]);
-  }
-  volume_info v;
-  v.sb = db.sb;
-  db.q_info(v.flag, v.total, v.free_, 0);
-  v.first = db.q_first();
-  v.last = db.q_last();
-  entryX_t x;
-  v.entries = db.x_read(0, x) == 0 ? x.num : -1;
-  v.err = db.error();
+  volume_state st;
+  if (open_volume(db, args[0], "r", &st) != 0) return 1;
+  sb_t sb = db.sb;
+  int flag;
+  long long device, unused;
+  db.q_info(flag, device, unused, 0);
+  // q_info counts the 12 MiB outside the ring in its free figure; the room left for
+  // recordings is the ring's own.
+  long long ring_free = db.q_free();
+  int hours = root_count(db);
+  int first = st.root_damaged ? -1 : db.q_first();
+  long long last = st.root_damaged ? -1 : last_recorded(db);
+  int error = db.error();
   db.close();
-  long long sz = v.sb.size, head = v.sb.head, tail = v.sb.tail;
-  if (json) {
-    printf(
-        "{\"device\":\"%s\",\"key\":%u,\"ctime\":%u,\"created\":\"%s\",\"flag\":%u,"
-        "\"mode\":\"%s\",\"data_size\":%lld,\"head\":%lld,\"tail\":%lld,"
-        "\"total\":%lld,\"free\":%lld,\"total_mb\":%lld,\"free_mb\":%lld,\"hours\":%d,"
-        "\"first\":%d,\"last\":%d,\"error\":%d,\"state\":\"%s\"}\n",
-        args[0].c_str(), v.sb.key, v.sb.ctime, date(v.sb.ctime).c_str(), v.sb.flag,
-        mode_word(v.sb.flag), static_cast<long long>(sz), static_cast<long long>(head),
-        static_cast<long long>(tail), v.total, v.free_, v.total >> 20, v.free_ >> 20, v.entries,
-        v.first, v.last, v.err, err_word(v.err));
-    return 0;
+  long long size = sb.size, head = sb.head, tail = sb.tail;
+  if (as_json) {
+    json j;
+    j.obj().str("device", args[0]).num("key", sb.key).num("ctime", sb.ctime);
+    j.str("created", fmt_time(sb.ctime)).num("flag", sb.flag).str("mode", mode_word(sb.flag));
+    j.num("device_size", device).num("data_size", size).num("data_free", ring_free);
+    j.num("head", head).num("tail", tail);
+    if (hours < 0)
+      j.null("hours");
+    else
+      j.num("hours", hours);
+    j.num("first", first > 0 ? first : 0).num("last", last > 0 ? last : 0);
+    j.boolean("root_damaged", st.root_damaged).boolean("secondary_superblock", st.secondary);
+    j.num("image_size", st.bytes).boolean("short_image", st.bytes < st.described);
+    j.num("error", error).str("state", err_word(error)).end().print();
+    return st.root_damaged ? 1 : 0;
   }
   printf("device:    %s\n", args[0].c_str());
-  printf("key:       0x%04X\n", v.sb.key);
-  printf("created:   %s (ctime %u)\n", date(v.sb.ctime).c_str(), v.sb.ctime);
-  printf("mode:      %s (flag %u)\n", mode_word(v.sb.flag), v.sb.flag);
-  printf("data area: %lld MB (%s), ring head 0x%llX, tail 0x%llX\n", sz >> 20, human(sz).c_str(),
-         static_cast<unsigned long long>(head), static_cast<unsigned long long>(tail));
-  printf("size:      %lld MB (%s)\n", v.total >> 20, human(v.total).c_str());
-  printf("free:      %lld MB (%s)\n", v.free_ >> 20, human(v.free_).c_str());
-  printf("hours:     %d\n", v.entries);
-  printf("first:     %s\n", v.first > 0 ? date(v.first).c_str() : "nothing recorded");
-  printf("last:      %s\n", v.last > 0 ? date(v.last).c_str() : "nothing recorded");
-  printf("error:     %d (%s)\n", v.err, err_word(v.err));
-  return 0;
+  printf("key:       0x%04X\n", sb.key);
+  printf("created:   %s UTC (ctime %u)\n", fmt_time(sb.ctime).c_str(), sb.ctime);
+  printf("mode:      %s (flag %u)\n", mode_word(sb.flag), sb.flag);
+  printf("device:    %lld MiB (%s)\n", device >> 20, human(device).c_str());
+  printf("data area: %lld MiB (%s), ring head 0x%llX, tail 0x%llX\n", size >> 20,
+         human(size).c_str(), static_cast<unsigned long long>(head),
+         static_cast<unsigned long long>(tail));
+  printf("free:      %lld MiB (%s) of the data area\n", ring_free >> 20, human(ring_free).c_str());
+  if (st.root_damaged) {
+    printf("hours:     unknown: the root table is damaged\n");
+  } else {
+    printf("hours:     %d\n", hours);
+    printf("first:     %s\n", first > 0 ? (fmt_time(first) + " UTC").c_str() : "nothing recorded");
+    printf("last:      %s\n", last > 0    ? (fmt_time(last) + " UTC").c_str()
+                              : last == 0 ? "nothing recorded"
+                                          : "unknown: the newest hour cannot be read");
+  }
+  printf("error:     %d (%s)\n", error, err_word(error));
+  return st.root_damaged ? 1 : 0;
+}
+
+// A disk image named by its path (not a board's disk): repairing it in place changes a
+// file someone may have pulled as evidence, so the tool asks first.
+bool image_file(const std::string& arg) {
+  struct stat st;
+  return arg.find('/') != std::string::npos && board_root().empty() &&
+         stat(arg.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+bool confirm(const std::string& question) {
+  if (!isatty(0)) return false;
+  dprintf(err_fd(), "%s [y/N] ", question.c_str());
+  char line[16] = "";
+  if (fgets(line, sizeof line, stdin) == nullptr) return false;
+  return line[0] == 'y' || line[0] == 'Y';
+}
+
+struct check_result {
+  int open_rc, before, after, error, writes;
+  long long bytes;
+};
+
+// The writable open runs the consistency check; its findings are the library's lines.
+check_result run_check_once(const std::string& dev, int before, bool dry) {
+  check_result r{0, before, -1, 0, 0, 0};
+  dry_run* overlay = dry ? new dry_run() : nullptr;
+  fs_db db;
+  r.open_rc = db.open(0, dev.c_str(), "w");
+  if (r.open_rc == 0) r.after = root_count(db);
+  r.error = db.error();
+  db.close();
+  if (overlay != nullptr) {
+    r.writes = overlay->changed_writes();
+    r.bytes = overlay->changed_bytes();
+    delete overlay;
+  }
+  return r;
+}
+
+int report_check(const std::string& name, const check_result& r, bool dry, bool as_json) {
+  bool changes = dry ? r.writes > 0 : r.error == 1;
+  const char* state = r.open_rc != 0 ? "unusable"
+                      : !changes     ? "consistent"
+                      : dry          ? "would_repair"
+                                     : "repaired";
+  if (as_json) {
+    json j;
+    j.obj().str("device", name).str("state", state).boolean("dry_run", dry);
+    j.num("hours_before", r.before).num("hours_after", r.after);
+    j.num("bytes_changed", r.bytes).end().print();
+  } else if (r.open_rc != 0) {
+    err("%s: the check could not repair the volume; it is unusable%s%s", name.c_str(),
+        recover_hint(name).empty() ? "" : "; ", recover_hint(name).c_str());
+  } else if (!changes) {
+    printf("%s: consistent, %d hour entries\n", name.c_str(), r.after);
+  } else if (dry) {
+    printf(
+        "%s: would repair: %d of %d hour entries kept, %d dropped (%d writes, %lld bytes); "
+        "nothing was written\n",
+        name.c_str(), r.after, r.before, r.before - r.after, r.writes, r.bytes);
+  } else {
+    printf("%s: repaired: %d of %d hour entries kept, %d dropped\n", name.c_str(), r.after,
+           r.before, r.before - r.after);
+  }
+  return r.open_rc != 0 ? 1 : 0;
 }
 
 int run_check(const std::vector<std::string>& argv) {
-  if (argv.size() != 1) return usage_error("check", "give one device");
-  std::string dev = resolve_dev(argv[0]);
+  std::vector<std::string> args = argv;
+  bool dry = take_flag(args, "--dry-run");
+  bool yes = take_flag(args, "--yes");
+  bool as_json = take_flag(args, "--json");
+  int rc = 0;
+  if (!only_positional("check", args, &rc)) return rc;
+  if (args.size() != 1) return usage_error("check", "give one device");
+  std::string dev = resolve_dev(args[0]);
   if (dev.empty()) return 1;
-  int before = -1;
+  int before;
   {
     fs_db ro;
-    if (ro.open(0, dev.c_str(), "r") != 0) {
-      if (ro.io->fd < 0) return fail("cannot open " + argv[0]);
-      return no_volume(argv[0]);
-    }
+    if (open_volume(ro, args[0], "r") != 0) return 1;
     before = root_count(ro);
     ro.close();
   }
-  // A writable open runs the consistency check; its findings are the library's
-  // messages on standard error.
-  fs_db db;
-  int r = db.open(0, dev.c_str(), "w");
-  int after = r == 0 ? root_count(db) : -1;
-  int err = db.error();
-  db.close();
-  if (r != 0) return fail(argv[0] + ": the check could not repair the volume; it is unusable");
-  if (err == 1)
-    printf("%s: repaired: %d of %d hour entries kept, %d dropped\n", argv[0].c_str(), after, before,
-           before - after);
-  else
-    printf("%s: consistent, %d hour entries\n", argv[0].c_str(), after);
-  return 0;
-}
-
-// The entries of table x, read in runs; a run that does not read (a damaged entry) is
-// read again entry by entry so that one bad entry hides only itself. Entries that cannot
-// be read are left out and counted in *bad.
-std::vector<entry_t> read_table(fs_db& db, entryX_t& x, int* bad) {
-  // A damaged header may claim any count. A root table holds one entry per recorded
-  // hour and a minute table one per minute; 65536 is far beyond either and bounds the
-  // buffer.
-  int n = x.num < 0 ? 0 : x.num > 65536 ? 65536 : x.num;
-  std::vector<entry_t> out;
-  std::vector<entry_t> run(64);
-  for (int i = 0; i < n; i += 64) {
-    int k = n - i < 64 ? n - i : 64;
-    if (db.e_reads(x, i, run.data(), k) == 0) {
-      out.insert(out.end(), run.begin(), run.begin() + k);
-      continue;
-    }
-    for (int j = 0; j < k; j++) {
-      entry_t e;
-      if (db.e_read(x, i + j, e) == 0)
-        out.push_back(e);
-      else
-        ++*bad;
-    }
-  }
-  return out;
-}
-
-std::string channels_in(const entry_t& e) {
-  min_rec_t r;
-  memcpy(&r, &e.time, sizeof r);
-  std::string s;
-  for (int ch = 0; ch < 32; ch++)
-    if (r.count[ch] > 0) s += (s.empty() ? "" : ",") + std::to_string(ch);
-  return s.empty() ? "-" : s;
-}
-
-int run_ls(const std::vector<std::string>& argv) {
-  std::vector<std::string> args = argv;
-  bool raw = take_flag(args, "--raw");
-  if (args.size() != 1) return usage_error("ls", "give one device");
-  std::string dev = resolve_dev(args[0]);
-  if (dev.empty()) return 1;
-  fs_db db;
-  if (db.open(0, dev.c_str(), "r") != 0) {
-    if (db.io->fd < 0) return fail("cannot open " + args[0]);
-    return no_volume(args[0]);
-  }
-  entryX_t root;
-  if (db.x_read(0, root) != 0) {
-    db.close();
-    return fail("cannot read the root table of " + args[0] +
-                ": the volume's index is damaged ('ringrec check " + args[0] +
-                "' rebuilds what it can; -v shows the library's findings)");
-  }
-  if (raw) {
-    printf("%s: %d hour entries\n", args[0].c_str(), root.num);
-    to_stdout([&] { db.print(); });
-    db.close();
-    return 0;
-  }
-  int bad = 0;
-  std::vector<entry_t> hours = read_table(db, root, &bad);
-  std::vector<std::vector<entry_t>> minutes(hours.size());
-  long long total = 0;
-  int nmin = 0, nhour = 0;
-  for (size_t i = 0; i < hours.size(); i++) {
-    if (!entry_is_hour(hours[i].name)) continue;
-    nhour++;
-    entryX_t x;
-    long long off = hours[i].offset;
-    if (db.x_read(off, x) != 0) {
-      bad++;
-      continue;
-    }
-    minutes[i] = read_table(db, x, &bad);
-    for (const entry_t& m : minutes[i])
-      if (entry_is_min(m.name) && m.size > 0) {
-        nmin++;
-        total += m.size;
-      }
-  }
-  printf("%s: %d hour%s, %d minute%s, %s\n", args[0].c_str(), nhour, nhour == 1 ? "" : "s", nmin,
-         nmin == 1 ? "" : "s", human(total).c_str());
-  for (size_t i = 0; i < hours.size(); i++) {
-    const entry_t& h = hours[i];
-    if (!entry_is_hour(h.name)) continue;
-    hour_rec_t hr;
-    memcpy(&hr, &h.time, sizeof hr);
-    printf("%-.32s  %s  events 0x%X\n", h.name, fmt_time(hr.time).c_str(), hr.events);
-    for (const entry_t& m : minutes[i]) {
-      if (!entry_is_min(m.name) || m.size <= 0) continue;
-      printf("  %-12.32s  %s  %11d bytes  channels %s\n", m.name, fmt_time(m.time).c_str(), m.size,
-             channels_in(m).c_str());
-    }
-  }
-  db.close();
-  if (bad > 0)
-    return fail(std::to_string(bad) + " table" + (bad == 1 ? "" : "s") + " or entr" +
-                (bad == 1 ? "y" : "ies") + " could not be read and " + (bad == 1 ? "is" : "are") +
-                " left out; -v shows the library's findings");
-  return 0;
+  check_result trial = run_check_once(dev, before, true);
+  if (dry || trial.writes == 0 || trial.open_rc != 0)
+    return report_check(args[0], trial, true, as_json);
+  if (image_file(args[0]) && !yes &&
+      !confirm("ringrec: " + args[0] + " needs repair (" + std::to_string(trial.bytes) +
+               " bytes change); repair the image in place?"))
+    return fail(args[0] +
+                " left as it was: --yes repairs the image in place (keep a copy), "
+                "--dry-run shows what would change");
+  return report_check(args[0], run_check_once(dev, before, false), false, as_json);
 }
 
 bool r1 = add_command(
     {"sim create", "sim create DIR --disks N --size SIZE [--usb NAME]", run_sim_create});
 bool r2 = add_command({"format", "format DEV", run_format});
 bool r3 = add_command({"info", "info DEV [--json]", run_info});
-bool r4 = add_command({"check", "check DEV", run_check});
-bool r5 = add_command({"ls", "ls DEV [--raw]", run_ls});
+bool r4 = add_command({"check", "check DEV [--dry-run] [--yes] [--json]", run_check});
 
 }  // namespace
 

@@ -79,4 +79,11 @@ PKG_CONFIG_PATH=$prefix/lib/pkgconfig
 export PKG_CONFIG_PATH
 g++ -std=c++14 tests/install/consumer.cc $(pkg-config --cflags --libs ringrec) -o out/consumer/pc
 LD_LIBRARY_PATH=$prefix/lib out/consumer/pc
+# The installed tool runs from its prefix alone (its run path names ../lib).
+installed=$(mktemp -d /tmp/ringrec-installed-XXXXXX)
+env -u LD_LIBRARY_PATH "$prefix/bin/ringrec" help >"$installed/help"
+env -u LD_LIBRARY_PATH "$prefix/bin/ringrec" sim create "$installed/b" --disks 1 --size 64M >/dev/null
+env -u LD_LIBRARY_PATH "$prefix/bin/ringrec" --root "$installed/b" format sda >/dev/null
+env -u LD_LIBRARY_PATH "$prefix/bin/ringrec" --root "$installed/b" info sda >/dev/null
+rm -rf "$installed"
 echo "== all tests passed"

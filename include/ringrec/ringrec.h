@@ -13,5 +13,6 @@
 #include <ringrec/fs_mp4.h>
 #include <ringrec/audio.h>
 #include <ringrec/fs_app.h>
+#include <ringrec/recovery.h>
 
 #endif

@@ -6,8 +6,8 @@ the page reported back, as one JSON line.
 
 The server listens on 127.0.0.1 only, serves DIR and a page whose <video> element
 plays FILE to its end, then POSTs {width, height, currentTime, duration, video, audio,
-error} to /report (video and audio: webkitVideoDecodedByteCount and
-webkitAudioDecodedByteCount). Exit status 0 when a report came, 1 otherwise."""
+error, frames} to /report (video and audio: webkitVideoDecodedByteCount and
+webkitAudioDecodedByteCount; frames: the decoded frames the playback quality counts). Exit status 0 when a report came, 1 otherwise."""
 import http.server
 import json
 import os
@@ -29,7 +29,8 @@ function report(err) {
   fetch('/report', {method: 'POST', body: JSON.stringify({
     width: v.videoWidth, height: v.videoHeight, currentTime: v.currentTime,
     duration: v.duration, video: v.webkitVideoDecodedByteCount || 0,
-    audio: v.webkitAudioDecodedByteCount || 0, error: err || (v.error ? v.error.code : 0)})});
+    audio: v.webkitAudioDecodedByteCount || 0, error: err || (v.error ? v.error.code : 0),
+    frames: v.getVideoPlaybackQuality ? v.getVideoPlaybackQuality().totalVideoFrames : 0})});
 }
 v.addEventListener('ended', () => report(0));
 v.addEventListener('error', () => report('media error ' + (v.error && v.error.code)));

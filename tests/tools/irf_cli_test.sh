@@ -69,6 +69,15 @@ check frames 0 rr irf "$dir/a.irf" --frames
 # The first record sits at 4096 with no earlier key frame.
 grep -qE '^ +4096  key +0 .* -1 ' "$dir/out" || { bad "frames: first record"; head -3 "$dir/out"; }
 
+if command -v python3 >/dev/null; then
+  check json 0 rr irf "$dir/a.irf" --frames --extract 1 "$dir/j.h264" --json
+  python3 - "$dir/out" <<'END' || bad "json: not the file's records"
+import json, sys
+j = json.load(open(sys.argv[1]))
+assert j["records"] == 90 and len(j["frames"]) == 90 and j["frames"][0]["offset"] == 4096, j
+assert j["raw"]["frames"] == 30 and j["cut_at"] is None, j
+END
+fi
 check extract 0 rr irf "$dir/a.irf" --extract 0 "$dir/x.h264"
 cmp -s "$dir/x.h264" "$dir/ch0.raw" || { bad "extract: bytes differ"; }
 has extract out "channel 0, 30 frames"

@@ -11,11 +11,11 @@ check info-unformatted 1 rr --root "$b" info sda
 has info-unformatted err "format sda"
 
 check format 0 rr --root "$b" format sda
-has format out "data area 52 MB"
+has format out "data area 52 MiB"
 check info-json 0 rr --root "$b" info sda --json
 has info-json out '"mode":"OVWR"'
 has info-json out '"data_size":54525952'
-has info-json out '"total_mb":64'
+has info-json out '"data_free":54525952'
 has info-json out '"first":0'
 
 # The library's own lines stay off the terminal unless -v is given.

@@ -46,12 +46,18 @@ long long parse_size(const std::string& text) {
   if (errno != 0 || end == text.c_str() || v < 0) return -1;
   std::string unit(end);
   long long mul = 1;
-  if (unit == "" || unit == "B") mul = 1;
-  else if (unit == "K" || unit == "KiB" || unit == "k") mul = 1LL << 10;
-  else if (unit == "M" || unit == "MiB") mul = 1LL << 20;
-  else if (unit == "G" || unit == "GiB") mul = 1LL << 30;
-  else if (unit == "T" || unit == "TiB") mul = 1LL << 40;
-  else return -1;
+  if (unit == "" || unit == "B")
+    mul = 1;
+  else if (unit == "K" || unit == "KiB" || unit == "k")
+    mul = 1LL << 10;
+  else if (unit == "M" || unit == "MiB")
+    mul = 1LL << 20;
+  else if (unit == "G" || unit == "GiB")
+    mul = 1LL << 30;
+  else if (unit == "T" || unit == "TiB")
+    mul = 1LL << 40;
+  else
+    return -1;
   return static_cast<long long>(v * static_cast<double>(mul));
 }
 
@@ -60,8 +66,8 @@ int board_create(const std::string& root, const std::vector<disk_spec>& disks, s
     if (err != nullptr) *err = what + ": " + strerror(errno);
     return -1;
   };
-  for (const char* d : {"/proc", "/dev", "/sys/block", "/tmp", "/zconf/rd/fs", "/zconf/custom",
-                        "/z/oem"}) {
+  for (const char* d :
+       {"/proc", "/dev", "/sys/block", "/tmp", "/zconf/rd/fs", "/zconf/custom", "/z/oem"}) {
     if (mkdirs(root + d) != 0) return fail(root + d);
   }
   std::string parts = "major minor  #blocks  name\n\n";
@@ -79,12 +85,12 @@ int board_create(const std::string& root, const std::vector<disk_spec>& disks, s
 
     // The device link resolves the way the kernel's does: SATA disks below the SoC's
     // AHCI controller, USB disks below its USB host controller.
-    std::string target =
-        d.usb ? "/sys/devices/platform/hiusb-ehci.0/usb1/1-1/1-1:1.0/host" + std::to_string(i) +
-                    "/target" + std::to_string(i) + ":0:0/" + std::to_string(i) + ":0:0:0"
-              : "/sys/devices/platform/ahci.0/ata" + std::to_string(i + 1) + "/host" +
-                    std::to_string(i) + "/target" + std::to_string(i) + ":0:0/" +
-                    std::to_string(i) + ":0:0:0";
+    std::string target = d.usb ? "/sys/devices/platform/hiusb-ehci.0/usb1/1-1/1-1:1.0/host" +
+                                     std::to_string(i) + "/target" + std::to_string(i) + ":0:0/" +
+                                     std::to_string(i) + ":0:0:0"
+                               : "/sys/devices/platform/ahci.0/ata" + std::to_string(i + 1) +
+                                     "/host" + std::to_string(i) + "/target" + std::to_string(i) +
+                                     ":0:0/" + std::to_string(i) + ":0:0:0";
     if (mkdirs(root + target) != 0) return fail(root + target);
     std::string blockdir = root + "/sys/block/" + d.name;
     if (mkdirs(blockdir) != 0) return fail(blockdir);

@@ -1,13 +1,15 @@
 #include "sim/capture.h"
 
-#include <ringrec/fs_io.h>
 #include <ringrec/block.h>
+#include <ringrec/fs_io.h>
 #include <ringrec/records.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
 
 #include <atomic>
+
+#include "annexb.h"
 
 namespace sim {
 
@@ -30,6 +32,10 @@ void put_nal(std::string& out, const unsigned char* hdr, int n) {
 void put_payload(std::string& out, int n, uint32_t& s) {
   for (int i = 0; i < n; i++) out.push_back(static_cast<char>(1 + next_rand(s) % 255));
 }
+
+// NAL unit types of the sequence parameter sets.
+const int AVC_NAL_SPS = 7;
+const int HEVC_NAL_SPS = 33;
 
 int nal_type(int codec, unsigned char b) { return codec == 265 ? (b >> 1) & 0x3F : b & 0x1F; }
 bool is_vcl(int codec, int t) { return codec == 265 ? t < 32 : (t >= 1 && t <= 5); }
@@ -149,6 +155,29 @@ int load_annexb(const std::string& path, int codec, std::vector<access_unit>& ou
   return 0;
 }
 
+namespace {
+
+// The picture size in the first sequence parameter set of a stream; kept as it was when
+// there is none or it cannot be read.
+void stream_size(const std::vector<access_unit>& units, int codec, int& w, int& h) {
+  for (const access_unit& u : units) {
+    for (const auto& r : annexb::units(u.bytes)) {
+      std::string nal = u.bytes.substr(r.first, r.second);
+      int t = nal_type(codec, static_cast<unsigned char>(nal[0]));
+      unsigned sw = 0, sh = 0;
+      bool ok = codec == 265 ? t == HEVC_NAL_SPS && annexb::hevc_size(nal, sw, sh)
+                             : t == AVC_NAL_SPS && annexb::avc_size(nal, sw, sh);
+      if (ok && sw > 0 && sh > 0 && sw <= 16384 && sh <= 16384) {
+        w = static_cast<int>(sw);
+        h = static_cast<int>(sh);
+        return;
+      }
+    }
+  }
+}
+
+}  // namespace
+
 int capture::open(const capture_spec& shape, long long start_ms, std::string* err) {
   spec_ = shape;
   if (spec_.channels < 1 || spec_.channels > 32) {
@@ -170,11 +199,42 @@ int capture::open(const capture_spec& shape, long long start_ms, std::string* er
   if (!sub.empty()) {
     if (load_annexb(sub, codec_, sub_units_, nullptr, err) != 0) return -1;
   }
+  // A given stream is stamped with its own picture size, read from its first SPS.
+  if (!main_units_.empty()) stream_size(main_units_, codec_, spec_.main_w, spec_.main_h);
+  if (!sub_units_.empty()) stream_size(sub_units_, codec_, spec_.sub_w, spec_.sub_h);
+  pictures_.clear();
+  if (codec_ == 264) {
+    pictures_.resize(static_cast<size_t>(spec_.channels) * 2);
+    for (int ch = 0; ch < spec_.channels; ch++) {
+      if ((main_units_.empty() &&
+           pictures_[static_cast<size_t>(ch) * 2].open(
+               spec_.main_w, spec_.main_h, spec_.fps, ch, SYNTH_STREAM_MAIN,
+               static_cast<size_t>(frame_bytes(false, true)), spec_.seed) != 0) ||
+          (sub_units_.empty() &&
+           pictures_[static_cast<size_t>(ch) * 2 + 1].open(
+               spec_.sub_w, spec_.sub_h, spec_.fps, ch, SYNTH_STREAM_SUB,
+               static_cast<size_t>(frame_bytes(true, true)), spec_.seed) != 0)) {
+        if (err) *err = "picture size cannot be coded (even sizes, 16 to 8192)";
+        return -1;
+      }
+    }
+  }
+  start_ms_ = start_ms;
   now_ms_ = start_ms;
   block_start_ms_ = start_ms;
   tick_ = 0;
   frame_ = 0;
   return 0;
+}
+
+// The byte budget of a frame: key frames four times the size of the others, the average
+// kept at the bit rate.
+long long capture::frame_bytes(bool sub, bool key) const {
+  int kbps = sub ? spec_.sub_kbps : spec_.main_kbps;
+  long long avg = static_cast<long long>(kbps) * 1000 / 8 / spec_.fps;
+  long long p = avg * spec_.gop / (spec_.gop + 3);
+  long long bytes = key ? 4 * p : p;
+  return bytes < 32 ? 32 : bytes;
 }
 
 std::string capture::video_frame(int ch, bool sub, long long n, bool& key) {
@@ -185,12 +245,14 @@ std::string capture::video_frame(int ch, bool sub, long long n, bool& key) {
     return u.bytes;
   }
   key = n % spec_.gop == 0;
-  int kbps = sub ? spec_.sub_kbps : spec_.main_kbps;
-  long long avg = static_cast<long long>(kbps) * 1000 / 8 / spec_.fps;
-  // Key frames four times the size of the others, the average kept at the bit rate.
-  long long p = avg * spec_.gop / (spec_.gop + 3);
-  long long bytes = key ? 4 * p : p;
-  if (bytes < 32) bytes = 32;
+  long long bytes = frame_bytes(sub, key);
+  if (!pictures_.empty()) {
+    std::string out;
+    long long ms = start_ms_ + n * 1000 / spec_.fps;
+    pictures_[static_cast<size_t>(ch) * 2 + (sub ? 1 : 0)].frame(out, static_cast<uint32_t>(n), key,
+                                                                 ms, static_cast<size_t>(bytes));
+    return out;
+  }
   return synth_unit(codec_, key, static_cast<int>(bytes),
                     spec_.seed ^ static_cast<uint32_t>(n * 131 + ch * 7 + (sub ? 1 : 0)));
 }
@@ -218,7 +280,7 @@ struct block_builder {
   std::string data;
   explicit block_builder(int time, uint32_t stream, uint32_t tick) {
     memset(&h, 0, sizeof h);
-    h.type = 1;
+    h.type = SIM_BLOCK_FRAMES;
     h.time = time;
     h.stream = stream;
     h.w9 = tick;
@@ -228,7 +290,7 @@ struct block_builder {
     data.append(payload);
     h.frames++;
     if (fh.type < 32) h.types |= 1u << fh.type;
-    if (fh.ch < 59) h.count[fh.ch]++;
+    if (fh.ch < sizeof h.count / sizeof h.count[0]) h.count[fh.ch]++;
     if (fh.ch < 32) h.events |= 1u << fh.ch;
   }
   std::string finish(uint32_t events) {
@@ -247,7 +309,7 @@ frame_head_t video_head(int codec, bool key, int ch, int w, int h, int fps, uint
                         size_t len) {
   frame_head_t f;
   memset(&f, 0, sizeof f);
-  f.type = codec == 265 ? (key ? 11 : 12) : (key ? 0 : 1);
+  f.type = codec == 265 ? (key ? FRAME_H265_KEY : FRAME_H265) : (key ? FRAME_H264_KEY : FRAME_H264);
   f.ch = static_cast<uint32_t>(ch);
   f.width = static_cast<uint32_t>(w);
   f.height = static_cast<uint32_t>(h);
@@ -265,29 +327,33 @@ void capture::next(std::vector<std::string>& blocks) {
   block_start_ms_ = now_ms_;
   int t = static_cast<int>(now_ms_ / 1000);
   int frames = spec_.fps * spec_.block_ms / 1000;
-  block_builder main(t, 2, static_cast<uint32_t>(tick_));
-  block_builder sub(t, 3, static_cast<uint32_t>(tick_));
+  block_builder main(t, BLOCK_STREAM_MAIN, static_cast<uint32_t>(tick_));
+  block_builder sub(t, BLOCK_STREAM_SUB, static_cast<uint32_t>(tick_));
   for (int k = 0; k < frames; k++) {
     long long n = frame_ + k;
     for (int ch = 0; ch < spec_.channels; ch++) {
       bool key = false;
       std::string v = video_frame(ch, false, n, key);
-      main.add(video_head(codec_, key, ch, spec_.main_w, spec_.main_h, spec_.fps, 2, v.size()), v);
+      main.add(video_head(codec_, key, ch, spec_.main_w, spec_.main_h, spec_.fps, BLOCK_STREAM_MAIN,
+                          v.size()),
+               v);
       if (spec_.audio) {
         std::string a = audio_frame(ch, n);
         frame_head_t f;
         memset(&f, 0, sizeof f);
-        f.type = 2;
+        f.type = FRAME_AUDIO;
         f.ch = static_cast<uint32_t>(ch);
-        f.width = 1;  // ADPCM: needs conversion for export
-        f.height = 8000;
+        f.width = SIM_AUDIO_ADPCM;  // needs conversion for export
+        f.height = SIM_AUDIO_RATE;
         f.size = static_cast<uint32_t>(a.size());
         f.len = static_cast<uint32_t>(a.size());
         main.add(f, a);
       }
       if (spec_.substream) {
         std::string s = video_frame(ch, true, n, key);
-        sub.add(video_head(codec_, key, ch, spec_.sub_w, spec_.sub_h, spec_.fps, 3, s.size()), s);
+        sub.add(video_head(codec_, key, ch, spec_.sub_w, spec_.sub_h, spec_.fps, BLOCK_STREAM_SUB,
+                           s.size()),
+                s);
       }
     }
   }

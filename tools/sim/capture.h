@@ -15,7 +15,16 @@
 #include <string>
 #include <vector>
 
+#include "sim/h264_synth.h"
+
 namespace sim {
+
+// Head word 2 of the frame blocks this capture side builds (the library's own records
+// use 4 and up).
+const uint32_t SIM_BLOCK_FRAMES = 1;
+// An audio frame's head: width word 1 says 8 kHz IMA ADPCM, height word the sample rate.
+const uint32_t SIM_AUDIO_ADPCM = 1;
+const uint32_t SIM_AUDIO_RATE = 8000;
 
 struct capture_spec {
   int channels = 4;
@@ -25,9 +34,9 @@ struct capture_spec {
   int sub_kbps = 512;    // substream bit rate
   bool audio = true;     // 8 kHz IMA ADPCM, one audio frame per video frame
   bool substream = true;
-  int block_ms = 200;  // capture time gathered into one block; divides 1000
-  int codec = 264;     // 264 or 265 for the synthetic units
-  int main_w = 1920, main_h = 1080;
+  int block_ms = 200;                // capture time gathered into one block; divides 1000
+  int codec = 264;                   // 264: decodable pictures (h264_synth); 265: placeholder units
+  int main_w = 1920, main_h = 1080;  // replaced by the SPS's size of an --input stream
   int sub_w = 704, sub_h = 576;
   std::string main_input;  // Annex B stream (ffmpeg -f h264 / -f hevc); empty: synthetic
   std::string sub_input;   // the same for the substream; empty: main_input or synthetic
@@ -45,8 +54,9 @@ struct access_unit {
 int load_annexb(const std::string& path, int codec, std::vector<access_unit>& out, int* found_codec,
                 std::string* err);
 
-// A synthetic but well-formed access unit: start codes, plausible NAL headers, parameter
-// sets before key frames, payload without start-code emulation.
+// A synthetic, well-formed but undecodable access unit (start codes, plausible NAL
+// headers, parameter sets before key frames, payload without start-code emulation): the
+// H.265 placeholder.
 std::string synth_unit(int codec, bool key, int bytes, uint32_t seed);
 
 class capture {
@@ -68,16 +78,19 @@ class capture {
 
  private:
   std::string video_frame(int ch, bool sub, long long n, bool& key);
+  long long frame_bytes(bool sub, bool key) const;
   std::string audio_frame(int ch, long long n);
 
   capture_spec spec_;
   int codec_ = 264;
+  long long start_ms_ = 0;
   long long now_ms_ = 0;
   long long block_start_ms_ = 0;
   long long tick_ = 0;
   long long frame_ = 0;  // video frames per channel so far
   uint32_t events_ = 0;
   std::vector<access_unit> main_units_, sub_units_;
+  std::vector<h264_synth> pictures_;  // per channel: main, then substream
 };
 
 // Moves the library's wall clock (fs_sys.time) with simulated capture time: while
