@@ -3,8 +3,10 @@
 // over the same block bytes, in one run. Read calls and bytes are counted through the
 // system-call table (exact); times are medians of interleaved runs with their spread.
 //
-//   bench_playback [DIR] [RUNS]
+//   bench_playback [DIR] [RUNS] [MINUTES]
 //
+// MINUTES (default 60) of the recorder-rate recording (16 channels, DIR-recorder), played
+// both ways against a one-read pread loop: the ratio_recorder line.
 // DIR (default out/bench-playback) holds the simulated board. The recording takes
 // minutes to build, so it is built once and reused while DIR/complete says it was
 // built with the same shape.
@@ -145,7 +147,8 @@ int disk_of(fs_app& app) {
 
 // Plays hour `h0` (seconds) forwards or backwards through the cursor: r_head and
 // r_data per block. Returns the data bytes; fills `spans` when given.
-long long play_hour(fs_app& app, int h0, bool fwd, std::vector<char>& buf, std::vector<span>* spans) {
+long long play_hour(fs_app& app, int h0, bool fwd, std::vector<char>& buf,
+                    std::vector<span>* spans) {
   long long bytes = 0;
   bool entered = false;
   if (fwd) {
@@ -181,11 +184,13 @@ long long play_hour(fs_app& app, int h0, bool fwd, std::vector<char>& buf, std::
   return bytes;
 }
 
-long long pread_loop(const std::vector<int>& fds, const std::vector<span>& spans, std::vector<char>& buf) {
+long long pread_loop(const std::vector<int>& fds, const std::vector<span>& spans,
+                     std::vector<char>& buf) {
   long long bytes = 0;
   for (const span& s : spans) {
     if (static_cast<int>(buf.size()) < s.len) buf.resize(static_cast<size_t>(s.len));
-    if (pread(fds[s.disk], buf.data(), static_cast<size_t>(s.len), static_cast<off_t>(s.off)) != s.len)
+    if (pread(fds[s.disk], buf.data(), static_cast<size_t>(s.len), static_cast<off_t>(s.off)) !=
+        s.len)
       return -1;
     bytes += s.len;
   }
@@ -211,11 +216,126 @@ long long pread_pair_loop(const std::vector<int>& fds, const std::vector<span>& 
   return bytes;
 }
 
+// The recorder's own shape: 16 channels at 4 Mbit/s main and 512 kbit/s substream with
+// sound, 200 ms blocks (about 110 KB each), on one disk. It fills the last `minutes` of
+// an hour and one minute of the next, so that play_hour covers it both ways.
+const int kRecHour = kStart + 86400;  // an hour of its own, on a board of its own
+std::string recorder_shape(int minutes) {
+  return "16 channels, 4000+512 kbit/s, 200 ms blocks, " + std::to_string(minutes) + " min, v1";
+}
+
+bool build_recorder(const std::string& dir, int minutes) {
+  std::string err;
+  long long need = (static_cast<long long>(minutes) + 1) * 60 * 16 * 4600 / 8 * 1000;
+  std::vector<sim::disk_spec> disks = {{"sda", need * 2 + (1LL << 30), "BENCH-R", false}};
+  if (system(("rm -rf '" + dir + "'").c_str()) != 0) return false;
+  if (sim::board_create(dir, disks, &err) != 0) return false;
+  setenv("RINGREC_ROOT", dir.c_str(), 1);
+  fs_app app;
+  app.set(16);
+  if (app.db_open("w") != 1 || app.db_format(0) != 0) return false;
+  sim::capture_spec s;
+  s.channels = 16;
+  sim::capture cap;
+  int t0 = kRecHour + 3600 - minutes * 60;
+  if (cap.open(s, t0 * 1000LL, &err) != 0) return false;
+  sim::clock_follow();
+  std::vector<std::string> blocks;
+  long long failed = 0;
+  while (cap.now_ms() < (kRecHour + 3660) * 1000LL) {
+    cap.next(blocks);
+    sim::clock_set(cap.time());
+    for (const std::string& b : blocks)
+      if (app.write(cap.time(), static_cast<int>(b.size()), b.data()) != 0) failed++;
+  }
+  app.flush();
+  app.db_close();
+  sim::clock_release();
+  if (failed != 0) return false;
+  FILE* f = fopen((dir + "/complete").c_str(), "w");
+  if (f == nullptr) return false;
+  fputs(recorder_shape(minutes).c_str(), f);
+  fclose(f);
+  return true;
+}
+
+bool built_as(const std::string& dir, const std::string& shape) {
+  FILE* f = fopen((dir + "/complete").c_str(), "r");
+  if (f == nullptr) return false;
+  char line[256] = {0};
+  bool same = fgets(line, sizeof line, f) != nullptr && shape == line;
+  fclose(f);
+  return same;
+}
+
+// Plays the recorder hour through the cursor forwards and backwards against a one-read
+// pread loop over the same blocks, interleaved; prints ratio_recorder.
+void recorder_ratios(const std::string& dir, int minutes, int runs, double small_fwd,
+                     double small_back) {
+  if (!built_as(dir, recorder_shape(minutes))) {
+    fprintf(stdout, "building %s in %s\n", recorder_shape(minutes).c_str(), dir.c_str());
+    fflush(stdout);
+    double t0 = now_s();
+    fs_sys.pread = g_pread;
+    if (!build_recorder(dir, minutes)) {
+      fprintf(stdout, "recorder: building failed\n");
+      return;
+    }
+    fs_sys.pread = counting_pread;
+    fprintf(stdout, "build: %.0f s\n", now_s() - t0);
+  }
+  setenv("RINGREC_ROOT", dir.c_str(), 1);
+  fs_app app;
+  app.set(16);
+  if (app.db_open("r") != 1) return;
+  std::vector<char> buf;
+  std::vector<span> fs, bs;
+  long long fb = play_hour(app, kRecHour, true, buf, &fs);
+  long long bb = play_hour(app, kRecHour, false, buf, &bs);
+  g_reads = g_bytes = 0;
+  play_hour(app, kRecHour, true, buf, nullptr);
+  long long fr_reads = g_reads, fr_bytes = g_bytes;
+  g_reads = g_bytes = 0;
+  play_hour(app, kRecHour, false, buf, nullptr);
+  long long br_reads = g_reads, br_bytes = g_bytes;
+  std::vector<int> fds = {open((dir + "/dev/sda").c_str(), O_RDONLY)};
+  std::vector<double> fr, br;
+  for (int r = 0; r < runs; r++) {
+    for (int k = 0; k < 2; k++) {
+      double dt[2];
+      for (int j = 0; j < 2; j++) {
+        int who = (j + r) % 2;
+        double t0 = now_s();
+        long long got = who == 0 ? play_hour(app, kRecHour, k == 0, buf, nullptr)
+                                 : pread_loop(fds, k == 0 ? fs : bs, buf);
+        dt[who] = now_s() - t0;
+        if (got != (k == 0 ? fb : bb)) printf("mismatch: %lld bytes\n", got);
+      }
+      (k == 0 ? fr : br).push_back(dt[1] / dt[0]);
+    }
+  }
+  close(fds[0]);
+  app.db_close();
+  stat_t f = summary(fr), b = summary(br);
+  printf(
+      "recorder: %zu blocks, %.1f MB, reads forward %lld (%.3f a block, %.3f bytes a stored "
+      "byte), backward %lld (%.3f a block, %.3f)\n",
+      fs.size(), fb / 1048576.0, fr_reads, static_cast<double>(fr_reads) / fs.size(),
+      static_cast<double>(fr_bytes) / fb, br_reads, static_cast<double>(br_reads) / bs.size(),
+      static_cast<double>(br_bytes) / bb);
+  printf(
+      "ratio_recorder: forward %.3f, backward %.3f (median of %d, %.3f..%.3f, %.3f..%.3f; "
+      "2.6 KB blocks: forward %.3f, backward %.3f)\n",
+      f.med, b.med, runs, f.lo, f.hi, b.lo, b.hi, small_fwd, small_back);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   std::string dir = argc > 1 ? argv[1] : "out/bench-playback";
   int runs = argc > 2 ? atoi(argv[2]) : 5;
+  int rec_minutes = argc > 3 ? atoi(argv[3]) : 60;
+  if (rec_minutes < 1 || rec_minutes > 60) rec_minutes = 60;
   if (runs < 5) runs = 5;
   mkdir("out", 0755);
   char abs[4096];
@@ -260,7 +380,8 @@ int main(int argc, char** argv) {
 
   std::mt19937 rng(7);
   std::vector<int> instants(1000);
-  for (int& t : instants) t = kStart + static_cast<int>(rng() % static_cast<unsigned>(kEnd - kStart));
+  for (int& t : instants)
+    t = kStart + static_cast<int>(rng() % static_cast<unsigned>(kEnd - kStart));
 
   // (a) r_set to 1000 random instants.
   std::vector<double> set_us;
@@ -364,14 +485,16 @@ int main(int argc, char** argv) {
   s = summary(br);
   printf("ratio: backward %.3f (median of %d, %.3f..%.3f)\n", s.med, runs, s.lo, s.hi);
   s = summary(f2);
-  printf("ratio: forward %.3f against two reads a block (median of %d, %.3f..%.3f)\n", s.med,
-         runs, s.lo, s.hi);
+  printf("ratio: forward %.3f against two reads a block (median of %d, %.3f..%.3f)\n", s.med, runs,
+         s.lo, s.hi);
   s = summary(b2);
-  printf("ratio: backward %.3f against two reads a block (median of %d, %.3f..%.3f)\n", s.med,
-         runs, s.lo, s.hi);
-  fs_sys.pread = g_pread;
+  printf("ratio: backward %.3f against two reads a block (median of %d, %.3f..%.3f)\n", s.med, runs,
+         s.lo, s.hi);
+  double small_f = summary(fr).med, small_b = summary(br).med;
   for (int fd : fds) close(fd);
   app.db_close();
+  recorder_ratios(dir + "-recorder", rec_minutes, runs, small_f, small_b);
+  fs_sys.pread = g_pread;
   dup2(saved_err, 2);
   return 0;
 }

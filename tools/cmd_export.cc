@@ -83,20 +83,19 @@ std::string free_name(const std::string& dir, int time, int ch, unsigned w, unsi
   return std::string(stem) + ".m4v";
 }
 
-// The mdat header of a single-pass file sits at byte 24, after ftyp; its size is
-// known once the writer is finished.
-void set_mdat_size(FILE* f, unsigned data) {
-  unsigned v = data + 8;
-  unsigned char b[4] = {static_cast<unsigned char>(v >> 24), static_cast<unsigned char>(v >> 16),
-                        static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v)};
-  fseek(f, 24, SEEK_SET);
-  fwrite(b, 1, 4, f);
+// Output files are written in large pieces: the writers hand stdio a frame at a time.
+FILE* open_out(const std::string& path) {
+  FILE* f = fopen(path.c_str(), "wb");
+  if (f) setvbuf(f, nullptr, _IOFBF, 1 << 20);
+  return f;
 }
 
+// Every channel is planned in one walk of each hour, and the files of one hour are
+// written together from one walk of it: each stored block is read twice in all (plan
+// and write), however many channels are chosen.
 int two_phase(job& j) {
   std::vector<char> plan(1 << 20, '\0');
-  int n = j.sub ? j.app->bk_phase_one_substream(j.dir.c_str(), j.beg, j.end, j.mask, plan.data())
-                : j.app->bk_phase_one(j.dir.c_str(), j.beg, j.end, j.mask, plan.data());
+  int n = j.app->bk_phase_one_channels(j.dir.c_str(), j.beg, j.end, j.mask, plan.data(), j.sub);
   if (n <= 0) return say(j, "nothing recorded on those channels between --from and --to");
   if (!j.json) {
     std::string text = plan.data();
@@ -119,35 +118,136 @@ int two_phase(job& j) {
   }
   for (const std::string& name : names)
     if (taken(j, j.dir + "/" + name)) return 1;
-  const char* p = plan.data();
-  while (*p) {
+  struct planned {
+    std::string name, path;
+    bk_plan_file_t f;
+  };
+  std::vector<planned> all;
+  for (const char* p = plan.data(); *p;) {
     const char* nl = strchr(p, '\n');
     std::string line(p, nl ? static_cast<size_t>(nl - p) : strlen(p));
     p = nl ? nl + 1 : p + line.size();
     char name[128];
-    int ch, size, item, entry, off, t;
-    if (sscanf(line.c_str(), "%127s %d %d %d %d %d %d", name, &ch, &size, &item, &entry, &off,
-               &t) != 7)
-      continue;
-    if (cancelled()) break;
-    std::string path = j.dir + "/" + name;
-    FILE* f = fopen(path.c_str(), "wb");
-    if (!f) return say(j, "cannot create " + path + ": " + strerror(errno));
-    int r = j.sub ? j.app->bk_phase_two_substream(f, name, ch, size, item, entry, off)
-                  : j.app->bk_phase_two(f, name, ch, size, item, entry, off);
-    if (write_failed(f)) return write_error(j, path);
-    if (r <= 0) {
-      // A planned file is only valid whole: its mdat size was written first.
-      remove(path.c_str());
-      if (cancelled()) {
-        j.cut = name;
-        break;
-      }
-      return say(j, std::string(name) + ": the recording ended before the planned bytes");
+    planned x;
+    int t;
+    if (sscanf(line.c_str(), "%127s %d %d %d %d %d %d", name, &x.f.ch, &x.f.size, &x.f.item,
+               &x.f.entry, &x.f.offset, &t) == 7) {
+      x.name = name;
+      x.path = j.dir + "/" + name;
+      all.push_back(x);
     }
-    wrote(j, path, r);
-    j.files++;
   }
+  for (size_t i = 0; i < all.size();) {
+    if (cancelled()) break;
+    size_t k = i;  // the files of one hour: [i, k)
+    while (k < all.size() && all[k].f.item == all[i].f.item) k++;
+    std::vector<bk_plan_file_t> files;
+    for (size_t m = i; m < k; m++) {
+      all[m].f.out = open_out(all[m].path);
+      if (!all[m].f.out) {
+        for (bk_plan_file_t& f : files) fclose(f.out);
+        return say(j, "cannot create " + all[m].path + ": " + strerror(errno));
+      }
+      files.push_back(all[m].f);
+    }
+    j.app->bk_phase_two_files(files.data(), static_cast<int>(files.size()), j.sub);
+    int bad = -1;
+    for (size_t m = i; m < k; m++)
+      if (write_failed(files[m - i].out) && bad < 0) bad = static_cast<int>(m);
+    if (bad >= 0) return write_error(j, all[bad].path);
+    int unfinished = -1;
+    for (size_t m = i; m < k; m++) {
+      if (files[m - i].result > 0) {
+        wrote(j, all[m].path, files[m - i].result);
+        j.files++;
+      } else {
+        // A planned file is only valid whole: its mdat size was written first.
+        remove(all[m].path.c_str());
+        if (unfinished < 0) unfinished = static_cast<int>(m);
+      }
+    }
+    if (unfinished >= 0) {
+      if (!cancelled())
+        return say(j, all[unfinished].name + ": the recording ended before the planned bytes");
+      j.cut = all[unfinished].name;
+      return 0;
+    }
+    i = k;
+  }
+  return 0;
+}
+
+// With sound, each hour of every chosen channel comes from one walk of the hour: the
+// per-hour writer for all channels at once (bk_write_channels), files named as they end.
+struct hour_run {
+  job* j;
+  std::vector<std::string> tmp;
+  std::vector<int> times, results;
+  std::vector<unsigned> w, h, fps;
+  int err = 0;
+};
+
+FILE* hour_file_done(void* ctx, int k, FILE* f, unsigned pos, unsigned size, bool more) {
+  (void)pos;
+  hour_run& r = *static_cast<hour_run*>(ctx);
+  job& j = *r.j;
+  fs_app::bk_set_mdat_size(f, size);
+  const std::string& tmp = r.tmp[k];
+  if (write_failed(f)) {
+    if (!r.err) r.err = write_error(j, tmp);
+    return nullptr;
+  }
+  if (size == 0) {
+    remove(tmp.c_str());
+  } else {
+    std::string name = free_name(j.dir, r.times[k], j.chans[k], r.w[k], r.h[k], r.fps[k]);
+    std::string path = j.dir + "/" + name;
+    if (rename(tmp.c_str(), path.c_str()) != 0) {
+      if (!r.err) r.err = say(j, "cannot name " + path);
+      return nullptr;
+    }
+    wrote(j, path, size_of(path));
+    j.files++;
+    if (cancelled()) j.cut = name;
+  }
+  if (!more || r.err) return nullptr;
+  FILE* next = open_out(tmp);
+  if (!next) r.err = say(j, "cannot create " + tmp + ": " + strerror(errno));
+  return next;
+}
+
+int single_pass_hours(job& j) {
+  size_t n = j.chans.size();
+  hour_run r;
+  r.j = &j;
+  for (size_t k = 0; k < n; k++) r.tmp.push_back(j.dir + "/.export.part" + std::to_string(k));
+  r.times.resize(n);
+  r.results.resize(n);
+  r.w.resize(n);
+  r.h.resize(n);
+  r.fps.resize(n);
+  int items = j.app->bk_set(j.beg, j.end, j.mask);
+  for (int item = 0; item < items && !cancelled() && !r.err; item++) {
+    std::vector<FILE*> outs;
+    for (size_t k = 0; k < n; k++) {
+      outs.push_back(open_out(r.tmp[k]));
+      if (!outs.back()) {
+        for (FILE* f : outs)
+          if (f) fclose(f);
+        return say(j, "cannot create " + r.tmp[k] + ": " + strerror(errno));
+      }
+    }
+    j.app->bk_write_channels(item, static_cast<int>(n), j.chans.data(), outs.data(), r.times.data(),
+                             r.w.data(), r.h.data(), r.fps.data(), r.results.data(), hour_file_done,
+                             &r);
+    for (size_t k = 0; k < n; k++)
+      if (r.results[k] < 0)
+        say(j, "channel " + std::to_string(j.chans[k]) + ": video loss, the file ends there");
+  }
+  j.app->bk_clr();
+  if (r.err) return 1;
+  if (j.files == 0 && !cancelled())
+    return say(j, "nothing recorded on those channels between --from and --to");
   return 0;
 }
 
@@ -157,21 +257,18 @@ int two_phase(job& j) {
 // multi-slot writer gathers it into 8000-byte pieces that the file's fixed sound chunk
 // table does not describe, so players would play that sound at the wrong pace.
 int single_pass(job& j) {
-  const bool per_hour = j.audio;
+  if (j.audio) return single_pass_hours(j);
   for (int ch : j.chans) {
     int b = j.beg, e = j.end, m = 1 << ch;
-    int items = per_hour ? j.app->bk_set(j.beg, j.end, m) : j.app->bk_multi_set(&b, &e, &m, 1);
+    int items = j.app->bk_multi_set(&b, &e, &m, 1);
     FILE* f = nullptr;
     std::string tmp = j.dir + "/.export.part";
-    int t = 0, cur = 0;
+    int t = 0;
     unsigned w = 0, h = 0, fps = 0;
     auto finish = [&]() -> int {
       unsigned box = 0, data = 0;
-      if (per_hour)
-        j.app->bk_close(f, cur, box, data);
-      else
-        j.app->bk_multi_m4v_close(f, box, data);
-      set_mdat_size(f, data);
+      j.app->bk_multi_m4v_close(f, box, data);
+      fs_app::bk_set_mdat_size(f, data);
       bool bad = write_failed(f);
       f = nullptr;  // closed either way
       if (bad) return write_error(j, tmp);
@@ -188,14 +285,12 @@ int single_pass(job& j) {
       return 0;
     };
     for (int item = 0; item < items && !cancelled(); item++) {
-      cur = item;
       for (;;) {
         if (!f) {
-          f = fopen(tmp.c_str(), "wb");
+          f = open_out(tmp);
           if (!f) return say(j, "cannot create " + tmp + ": " + strerror(errno));
         }
-        int r = per_hour ? j.app->bk_write(f, item, ch, t, w, h, fps)
-                         : j.app->bk_multi_m4v_write(f, item, ch, t, w, h, fps, false);
+        int r = j.app->bk_multi_m4v_write(f, item, ch, t, w, h, fps, false);
         if (r == 1) {
           if (finish() != 0) return 1;
           continue;
@@ -203,17 +298,12 @@ int single_pass(job& j) {
         if (r < 0) say(j, "channel " + std::to_string(ch) + ": video loss, the file ends there");
         break;
       }
-      if (per_hour && f && finish() != 0) return 1;
     }
     if (f && finish() != 0) return 1;
-    if (per_hour) {
-      j.app->bk_clr();
-    } else {
-      // The multi selection has no clear of its own and a new selection zeroes its
-      // fields without freeing: the array goes back here (its writer is closed above).
-      free(j.app->bk_multi_state.items);
-      memset(&j.app->bk_multi_state, 0, sizeof j.app->bk_multi_state);
-    }
+    // The multi selection has no clear of its own and a new selection zeroes its
+    // fields without freeing: the array goes back here (its writer is closed above).
+    free(j.app->bk_multi_state.items);
+    memset(&j.app->bk_multi_state, 0, sizeof j.app->bk_multi_state);
     if (cancelled()) break;
   }
   if (j.files == 0 && !cancelled())

@@ -284,21 +284,18 @@ struct exporter {
     if (!b.frame_block) return 0;
     head_t h;
     memcpy(&h, b.bytes, sizeof h);
-    const unsigned char* d = b.bytes + BLOCK_HEAD;
-    for (int off = 0; off + FRAME_HEAD <= h.size;) {
-      frame_head_t fh;
-      memcpy(&fh, d + off, sizeof fh);
-      const char* data = reinterpret_cast<const char*>(d + off + FRAME_HEAD);
-      off += FRAME_HEAD + static_cast<int>(fh.len);
+    int r = 0;
+    block_frames(h, b.bytes + BLOCK_HEAD, [&](const frame_head_t& fh, const char* data) {
       bool sub = fh.stream == BLOCK_STREAM_SUB || (fh.stream < 2 && h.stream == BLOCK_STREAM_SUB);
-      if (fh.ch >= 32 || !x.wanted(static_cast<int>(fh.ch)) || sub != x.sub) continue;
+      if (fh.ch >= 32 || !x.wanted(static_cast<int>(fh.ch)) || sub != x.sub) return true;
       // Frames come in time order: a block older than what the file holds (an earlier
       // lap of the ring found after a later one) is left out.
       out_file& o = x.files[fh.ch];
-      if (o.f != nullptr && h.time < o.last) continue;
-      if (x.frame(h.time, fh, data) != 0) return 1;
-    }
-    return 0;
+      if (o.f != nullptr && h.time < o.last) return true;
+      r = x.frame(h.time, fh, data);
+      return r == 0;
+    });
+    return r != 0 ? 1 : 0;
   }
 };
 

@@ -17,6 +17,9 @@ for pair in cmake:cmake g++:g++ pkg-config:pkg-config ffmpeg:ffmpeg ffprobe:ffmp
   command -v "${pair%%:*}" >/dev/null 2>&1 || need+=("${pair#*:}")
 done
 [ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest)
+# ringrec serve: the HTTP library, and npm for the browser test's driver (playwright-core).
+[ -f /usr/include/httplib.h ] || need+=(libcpp-httplib-dev)
+command -v npm >/dev/null 2>&1 || need+=(npm)
 ls /usr/lib/llvm-14/lib/clang/*/lib/linux/libclang_rt.fuzzer-*.a >/dev/null 2>&1 ||
   need+=(libclang-rt-14-dev)
 if [ ${#need[@]} -gt 0 ]; then

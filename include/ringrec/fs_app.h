@@ -17,6 +17,26 @@
 #include <vector>
 
 class fs_mp4;
+struct fs_read_window;
+
+// Holder of a read window (one stretch of a minute's stored blocks kept in memory so
+// that each block costs one read); made on first use and freed with the object.
+struct fs_read_window_slot {
+  fs_read_window* w = nullptr;
+  fs_read_window_slot() = default;
+  ~fs_read_window_slot();
+  fs_read_window_slot(const fs_read_window_slot&) = delete;
+  fs_read_window_slot& operator=(const fs_read_window_slot&) = delete;
+  void drop();  // forget what is held: the next block is read from the disk again
+};
+
+// One planned file for bk_phase_two_files (an addition): the values of its plan line, the
+// output, and the result that bk_phase_two would return for it.
+struct bk_plan_file_t {
+  FILE* out;
+  int ch, size, item, entry, offset;
+  int result;
+};
 
 // The disk table's rows: db_open keeps at most this many volumes.
 const int DB_DISKS_MAX = 16;
@@ -293,6 +313,43 @@ class fs_app {
   long usb_irf_position();
   void usb_close_irf();
   bool usb_isOpenFile();
+
+  // ---- additions beside the calls above (not part of the recorder's interface) -------
+  // Read windows of the backup readers and of the playback cursor: each stored block is
+  // read from the disk once, head, data and tail together, and served only after its
+  // tail agrees with its head; what the calls above return is unchanged.
+  fs_read_window_slot bk_window;
+  fs_read_window_slot r_window;
+
+  // Many outputs of one range from one read of each stored block. Each call gives, per
+  // file, the bytes the calls above give one file or one channel at a time; only the
+  // order of reads (and of the diagnostic lines that follow them) differs.
+  //
+  // bk_phase_one_channels: bk_phase_one (or, with substream, bk_phase_one_substream) for
+  // every channel of chbits in one walk of each hour; the same plan and return value.
+  int bk_phase_one_channels(char const* dir, int beg, int end, int chbits, char* plan,
+                            bool substream);
+  // bk_phase_two_files: the phase-two writes of n planned files, those of one hour fed
+  // from one walk of that hour; each file's result is what bk_phase_two (or
+  // bk_phase_two_substream) returns for it. Returns the number of files finished.
+  int bk_phase_two_files(bk_plan_file_t* files, int n, bool substream);
+  // bk_write_channels: bk_write of item `item` for the n channels chs[] at once. Where
+  // bk_write would return 1 (a new file must begin), or at the end of the item, the
+  // channel's file is finished as bk_close finishes it and done(ctx, k, out, pos, size,
+  // more) is called with the channel's index k in chs, its file still open and the two
+  // g_box values (both 0 when the file got no writer). With `more` it returns the next
+  // file for the channel, or null to stop the channel. times/widths/heights/fpss[k] are
+  // reported as bk_write reports them (read them in done); results[k] gets 0, or -1
+  // when a video-loss frame stopped the channel. The item's resume state is not used.
+  // Returns 0.
+  int bk_write_channels(int item, int n, const int* chs, FILE** outs, int* times, unsigned* widths,
+                        unsigned* heights, unsigned* fpss, int* results,
+                        FILE* (*done)(void* ctx, int k, FILE* out, unsigned pos, unsigned size,
+                                      bool more),
+                        void* ctx);
+  // The single-pass file leaves its mdat size for the end: writes it (data + 8, big
+  // endian) at byte 24, after the 24-byte ftyp, where w_box_mdat put the header.
+  static int bk_set_mdat_size(FILE* out, unsigned data);
 };
 
 #endif

@@ -93,15 +93,21 @@ void copy_item(fs_app& app, irf_run& run, int item) {
   head_t h;
   while (!bk_cancelled()) {
     while (off < e.size) {
-      int r = run.multi ? app.bk_multi_read(-1, item, db, e, off, h, &q)
-                        : app.bk_read(-1, db, e, off, h, &q);
+      const unsigned char* data = nullptr;
+      int r = -1;
+      if (!run.multi)
+        r = bk_read_block(app, "bk_read", app.bk_state.beg, app.bk_state.end, -1, db, e, off, h, &q,
+                          &data);
+      else if (item < kBkSlots)  // the item is the slot: one beyond the five reads nothing
+        r = bk_read_block(app, "bk_multi_read", app.bk_multi_state.beg[item],
+                          app.bk_multi_state.end[item], -1, db, e, off, h, &q, &data);
       if (r == -1) break;
       if (r == 0) continue;
       if (block_is_record(h.type)) {
         fs_log(run.fn, run.multi ? 3281 : 3187, "head.type: %d\n", h.type);
       } else {
         int32_t t = bk_block_time(h);
-        bk_frames(h, &q, [&](frame_head_t& f, const char* data) {
+        bk_frames(h, data, [&](frame_head_t& f, const char* fdata) {
           int ch = -1;
           if (app.bk_check(&f, ch) == -1) return false;
           if (ch < 0 || ch >= 32 || !((run.mask >> ch) & 1)) return true;
@@ -116,12 +122,12 @@ void copy_item(fs_app& app, irf_run& run, int item) {
             copy_header(run.multi ? IRF_HEADER_H264_FILE : IRF_HEADER_FILE, run.out);
           }
           if (!run.multi) {
-            app.bk_irf_write_frame(run.out, &f, data);
+            app.bk_irf_write_frame(run.out, &f, fdata);
           } else if (!frame_is_key(f.type)) {
-            app.bk_irf_write_frame(run.out, &f, data, run.keypos);
+            app.bk_irf_write_frame(run.out, &f, fdata, run.keypos);
           } else {
             int pos = static_cast<int>(ftell(run.out));
-            app.bk_irf_write_frame(run.out, &f, data, run.keypos);
+            app.bk_irf_write_frame(run.out, &f, fdata, run.keypos);
             run.keypos = pos;
             *run.started = pos;
           }

@@ -54,7 +54,9 @@ int fs_app::bk_kesto_write(FILE* out, int item, int chbits, int& ftime) {
   head_t h;
   while (!bk_cancelled()) {
     while (off < e.size) {
-      int r = bk_read(-1, it.db, e, off, h, &q);
+      const unsigned char* data = nullptr;
+      int r = bk_read_block(*this, "bk_read", bk_state.beg, bk_state.end, -1, it.db, e, off, h, &q,
+                            &data);
       if (r == -1) break;
       if (r == 0) continue;
       if (!block_is_record(h.type)) {
@@ -69,7 +71,7 @@ int fs_app::bk_kesto_write(FILE* out, int item, int chbits, int& ftime) {
           free(q.buf);
           return 1;
         }
-        bk_frames(h, &q, [&](frame_head_t& f, const char* data) {
+        bk_frames(h, data, [&](frame_head_t& f, const char* fdata) {
           int ch = -1;
           if (bk_check(&f, ch) == -1) return false;
           if (ch < 0 || ch >= 32 || !((mask >> ch) & 1)) return true;
@@ -77,7 +79,7 @@ int fs_app::bk_kesto_write(FILE* out, int item, int chbits, int& ftime) {
             if (f.type != FRAME_H264_KEY) return true;
             gate[ch] = true;
           }
-          prevlen = bk_kesto_write_frame(out, &f, data, t, prevlen);
+          prevlen = bk_kesto_write_frame(out, &f, fdata, t, prevlen);
           if (ftime == 0) ftime = t;
           return true;
         });

@@ -121,6 +121,7 @@ bool bk_cancelled() { return fs_access(BK_CANCEL_MARKER, R_OK) == 0; }
 
 int fs_app::bk_set(int beg, int end, int chbits) {
   memset(&bk_state, 0, sizeof bk_state);
+  bk_window.drop();
   bk_state.beg = beg;
   bk_state.end = end;
   pick p = {"bk_set", bk_state.cap, bk_state.num, bk_state.items, bk_state.total};
@@ -133,6 +134,7 @@ int fs_app::bk_set(int beg, int end, int chbits) {
 // be read back through slot numbers the state does not have, so more are refused.
 int fs_app::bk_multi_set(int* beg, int* end, int* chbits, int n) {
   memset(&bk_multi_state, 0, sizeof bk_multi_state);
+  bk_window.drop();
   if (n < 1) return bk_multi_state.num;
   fs_log("bk_multi_set", 2618, "beg=%d, end=%d, chbits=0x%X\n", beg[0], end[0],
          static_cast<unsigned>(chbits[0]));
@@ -150,57 +152,6 @@ int fs_app::bk_multi_set(int* beg, int* end, int* chbits, int n) {
   for (int s = 0; s < n; s++)
     select_range(*this, p, beg[s], end[s], static_cast<uint32_t>(chbits[s]));
   return bk_multi_state.num;
-}
-
-namespace {
-
-// The reader shared by bk_read and bk_multi_read: fn names it in messages, [beg, end]
-// are the bounds it stops at.
-int read_block(const char* fn, int beg, int end, int ch, fs_db* db, entry_t& e, int& off, head_t& h,
-               q_t* q) {
-  if (db == nullptr || off < 0) return -1;
-  if (db->d_read(e, off, BLOCK_HEAD, &h) != 0) return -1;
-  if (!block_head_valid(h)) {
-    fs_log(fn, 2664, "ERR: HEAD: %d, SYNC=0x%.4X, MAGIC=0x%.4X\n", off, h.sync, h.magic);
-    return -1;
-  }
-  // A size that is negative, or whose block would run past the entry's region, cannot
-  // be a block the writer stored; taken as it stands it would move the offset
-  // backwards or ask for a buffer of up to 2 GiB. It ends the entry like a bad head.
-  long long next = static_cast<long long>(off) + BLOCK_OVERHEAD + h.size;
-  if (h.size < 0 || next > e.max || next > 0x7FFFFFFFLL) return -1;
-  if (h.time > end) return -1;
-  // The head counts frames of channels 0 to 58 only: a higher channel has none here.
-  if (h.time < beg || (ch >= 0 && (ch >= 59 || h.count[ch] < 1))) {
-    off = static_cast<int>(next);
-    return 0;
-  }
-  if (h.size > q->max) {
-    q->max = ((h.size >> 12) + 1) << 12;
-    fs_log(fn, 2688, "q->max = %d\n", q->max);
-    free(q->buf);
-    q->buf = static_cast<unsigned char*>(malloc(static_cast<size_t>(q->max)));
-    if (q->buf == nullptr) {
-      q->max = 0;
-      return -1;
-    }
-  }
-  if (h.size > 0 && db->d_read(e, off + BLOCK_HEAD, h.size, q->buf) != 0) return -1;
-  return 1;
-}
-
-}  // namespace
-
-int fs_app::bk_read(int ch, fs_db* db, entry_t& e, int& off, head_t& h, q_t* q) {
-  return read_block("bk_read", bk_state.beg, bk_state.end, ch, db, e, off, h, q);
-}
-
-// The slot's bounds. The writers pass their item number as the slot, so an item beyond
-// the five slots has no bounds of its own: it reads nothing.
-int fs_app::bk_multi_read(int ch, int slot, fs_db* db, entry_t& e, int& off, head_t& h, q_t* q) {
-  if (slot < 0 || slot >= kBkSlots) return -1;
-  return read_block("bk_multi_read", bk_multi_state.beg[slot], bk_multi_state.end[slot], ch, db, e,
-                    off, h, q);
 }
 
 namespace {
@@ -276,18 +227,6 @@ int fs_app::bk_clr() {
   // A writer left open by a run that ended without bk_close is owned by its item.
   if (bk_state.cap != 0) bk_free_items(bk_state.items, bk_state.cap, bk_state.num);
   memset(&bk_state, 0, sizeof bk_state);
-  return 0;
-}
-
-int fs_app::bk_close(FILE* out, int item, unsigned& a, unsigned& b) {
-  if (item < 0 || item >= bk_state.num) return 0;
-  bk_item_t& it = bk_state.items[item];
-  if (it.mp4 != nullptr) {
-    it.mp4->w_box_moov(out);
-    it.mp4->g_box(a, b);
-    delete it.mp4;
-  }
-  it.mp4 = nullptr;
   return 0;
 }
 

@@ -7,6 +7,7 @@
 
 #include <vector>
 
+#include "playback/read_window.h"
 #include "playback/table_walk.h"
 #include "runtime/runtime.h"
 
@@ -19,8 +20,8 @@ const unsigned kRetryPause = 100000;  // us between attempts on a block being wr
 // "E_%.3d" line that follows every complaint about a block: where its minute lies.
 void entry_line(const char* fn, int line, const entry_t& e) {
   long long off = e.offset;
-  fs_log(fn, line, "E_%.3d: %.32s, offset=%lldMB, max=%dMB, size=%dMB\n", e.idx, e.name,
-         off >> 20, e.max >> 20, e.size >> 20);
+  fs_log(fn, line, "E_%.3d: %.32s, offset=%lldMB, max=%dMB, size=%dMB\n", e.idx, e.name, off >> 20,
+         e.max >> 20, e.size >> 20);
 }
 
 // Offsets are 32-bit; a step by a size read from a torn block could leave that range.
@@ -32,12 +33,20 @@ bool fits(long long v) { return v >= INT_MIN && v <= INT_MAX; }
 static int scan_minute(fs_app& a, int t) {
   r_cursor_t& c = a.r_cur;
   long long pos = 0;
+  fs_read_window& w = rw_of(a.r_window);
+  w.backward = false;
   for (;;) {
-    if (!fits(pos + BLOCK_HEAD) || c.db->d_read(c.min, static_cast<int>(pos), BLOCK_HEAD, &c.head) != 0)
+    if (!fits(pos + BLOCK_HEAD)) return 0;
+    // Heads come from the cursor's window, whole blocks checked by their tails; one the
+    // window cannot vouch for is read on its own as always.
+    const unsigned char* p = rw_block(w, c.db, c.min, static_cast<int>(pos), 0, -1);
+    if (p != nullptr)
+      memcpy(&c.head, p, sizeof c.head);
+    else if (c.db->d_read(c.min, static_cast<int>(pos), BLOCK_HEAD, &c.head) != 0)
       return 0;
     if (!block_head_valid(c.head)) {
-      fs_log("r_set", 2213, "ERR: HEAD %dMB, sync=0x%.4X, magic=0x%.4X\n", c.off >> 20,
-             c.head.sync, c.head.magic);
+      fs_log("r_set", 2213, "ERR: HEAD %dMB, sync=0x%.4X, magic=0x%.4X\n", c.off >> 20, c.head.sync,
+             c.head.magic);
       entry_line("r_set", 2215, c.min);
       return 0;
     }
@@ -53,6 +62,7 @@ static int scan_minute(fs_app& a, int t) {
 
 // Sets the cursor on a minute found by a search or a step and loads its indexes.
 static void enter_minute(fs_app& a, fs_db* db, const entry_t& hour, const entry_t& min, int dir) {
+  a.r_window.drop();
   a.r_cur.db = db;
   a.r_cur.hour = hour;
   a.r_cur.min = min;
@@ -174,6 +184,31 @@ head_t* fs_app::r_head() {
   if (c.db == nullptr) return nullptr;
   // The previous block's tail sits right before the head buffer (fs_app.h).
   unsigned char* tail_and_head = reinterpret_cast<unsigned char*>(c.tail);
+  // One read a block: the previous tail, this head, its data and its own tail come from
+  // the cursor's window, and are served only when both tails agree. Otherwise the block
+  // is read as below, with its retries, as if the window had not been there.
+  fs_read_window& w = rw_of(r_window);
+  w.served = -1;
+  // Asked again for the same block, the caller is retrying one it could not use: what
+  // the window holds of it is not news, so the block is read from the disk.
+  bool again = w.headed == c.off;
+  w.headed = c.off;
+  if (c.off >= 0 && !again) {
+    long long back_end =
+        w.backward ? static_cast<long long>(c.off) + BLOCK_OVERHEAD + c.tail[1] : -1;
+    int lead = c.off == 0 ? 0 : BLOCK_TAIL;
+    const unsigned char* p = rw_block(w, c.db, c.min, c.off, lead, back_end);
+    if (p != nullptr) {
+      uint32_t prev_sync;
+      memcpy(&prev_sync, p - lead, sizeof prev_sync);
+      if (c.off == 0 || prev_sync == BLOCK_TAIL_SYNC) {
+        memcpy(c.off == 0 ? reinterpret_cast<unsigned char*>(&c.head) : tail_and_head, p - lead,
+               static_cast<size_t>(lead + BLOCK_HEAD));
+        w.served = c.off;
+        return &c.head;
+      }
+    }
+  }
   for (int attempt = 0; attempt < 3; attempt++) {
     if (attempt > 0) fs_usleep(kRetryPause);
     int r;
@@ -206,12 +241,20 @@ int fs_app::r_offset_data(void* buf, int off, int len) {
   if (r_cur.db == nullptr) return -1;
   long long at = static_cast<long long>(r_cur.off) + BLOCK_HEAD + off;
   if (!fits(at)) return -1;
+  // The block r_head served whole from the window: its bytes are those read with it.
+  fs_read_window* w = r_window.w;
+  if (w != nullptr && w->served == r_cur.off && len >= 0 && off >= 0 &&
+      w->holds(r_cur.db, r_cur.min, at, at + len)) {
+    memcpy(buf, w->ptr(at), static_cast<size_t>(len));
+    return 0;
+  }
   return r_cur.db->d_read(r_cur.min, static_cast<int>(at), len, buf) < 0 ? -1 : 0;
 }
 
 int fs_app::r_seek(int dir) {
   r_cursor_t& c = r_cur;
   c.stepped[0] = c.stepped[1] = 1;
+  rw_of(r_window).backward = dir < 0;
   if (dir < 0) {
     if (c.off == 0) return -1;
     long long to = static_cast<long long>(c.off) - BLOCK_OVERHEAD - c.tail[1];
@@ -243,6 +286,8 @@ int fs_app::r_seek(int dir) {
 int fs_app::r_next(int dir) {
   if (r_next_min(dir) != 0) return -1;
   r_cursor_t& c = r_cur;
+  fs_read_window& w = rw_of(r_window);
+  w.backward = dir < 0;
   if (dir >= 0) {
     c.off = 0;
     return 0;
@@ -250,7 +295,18 @@ int fs_app::r_next(int dir) {
   int size = c.min.size;
   c.off = size;
   if (size < BLOCK_TAIL) return -1;
-  for (int n = 0; n < 3; n++) {
+  // The last tail comes with the blocks before it in one read that ends at the size;
+  // when that tail is not whole the tail is read, and retried, as below.
+  bool held = false;
+  if (rw_fill(w, c.db, c.min, size > kReadWindow ? size - kReadWindow : 0, size) == 0) {
+    int32_t t[2];
+    memcpy(t, w.ptr(size - BLOCK_TAIL), sizeof t);
+    if (static_cast<uint32_t>(t[0]) == BLOCK_TAIL_SYNC) {
+      memcpy(c.tail, t, sizeof t);
+      held = true;
+    }
+  }
+  for (int n = 0; n < 3 && !held; n++) {
     if (n > 0) fs_usleep(kRetryPause);
     if (c.db->d_read(c.min, size - BLOCK_TAIL, BLOCK_TAIL, c.tail) != 0) return -1;
     if (static_cast<uint32_t>(c.tail[0]) == BLOCK_TAIL_SYNC) break;
@@ -287,7 +343,8 @@ int fs_app::r_next_min(int dir) {
       int n = table_len(c.db, root, nullptr);
       int was = c.hour.idx, now = -1;
       entry_t h;
-      if (was >= 0 && was < n && c.db->e_read(root, was, h) == 0 && is_hour(h) && same_name(h, c.hour))
+      if (was >= 0 && was < n && c.db->e_read(root, was, h) == 0 && is_hour(h) &&
+          same_name(h, c.hour))
         now = was;
       for (int i = (was < n ? was : n) - 1; now < 0 && i >= 0; i--)
         if (c.db->e_read(root, i, h) == 0 && is_hour(h) && same_name(h, c.hour)) now = i;

@@ -431,7 +431,7 @@ void h264_synth::frame(std::string& out, uint32_t n, bool key, long long ms, siz
   draw_code(n, ms, key);
   draw_text(caption(text_form_, ch_, stream_, n, ms), key);
   slice(out, key);
-  memset(dirty_.data(), 0, dirty_.size());
+  if (!dirty_.empty()) memset(dirty_.data(), 0, dirty_.size());
   if (key) idr_id_++;
   frame_num_ = (frame_num_ + 1) & ((1u << LOG2_MAX_FRAME_NUM) - 1);
   // Filler: start code, header, 0xFF bytes, the stop bit byte.

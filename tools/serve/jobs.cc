@@ -1,0 +1,315 @@
+// Export jobs of the server: one library object of their own, run one at a time in a
+// worker thread, since the progress semaphore and the cancel marker are the board's,
+// not a job's. Progress is what the library posts to the semaphore; a cancel creates
+// the marker the writers look for between minutes. Files go to DIR/job-ID/ and are
+// served by job ID and index only.
+#include <errno.h>
+#include <fcntl.h>
+#include <ringrec/app_interface.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "serve.h"
+
+namespace serve {
+
+using tool::board_path;
+using tool::json_str;
+
+namespace {
+
+union semun_arg {
+  int val;
+  struct semid_ds* buf;
+  unsigned short* array;
+};
+
+struct job {
+  int id;
+  job_spec s;
+  std::string state = "queued";  // queued, running, done, failed, cancelled
+  std::string message;
+  std::vector<std::string> files;
+  int progress = 0;
+  bool cancel = false;
+};
+
+std::mutex g_m;
+std::condition_variable g_cv;
+std::map<int, job> g_jobs;
+int g_next = 1;
+bool g_stop = false;
+std::string g_dir;
+int g_sem = -1;
+bool g_sem_made = false;
+std::thread g_worker;
+tool::volume_set* g_vols = nullptr;
+
+bool cancelled(int id) {
+  std::lock_guard<std::mutex> g(g_m);
+  return g_jobs[id].cancel;
+}
+
+void add_file(int id, const std::string& name) {
+  std::lock_guard<std::mutex> g(g_m);
+  g_jobs[id].files.push_back(name);
+}
+
+bool closed_ok(FILE* f) {
+  bool bad = fflush(f) != 0 || ferror(f) != 0;
+  return fclose(f) == 0 && !bad;
+}
+
+std::string stamp(int time, const char* ext) {
+  time_t t = time;
+  struct tm tm;
+  gmtime_r(&t, &tm);
+  char b[64];
+  snprintf(b, sizeof b, "%04d%02d%02d_%02dh%02dm%02ds.%s", tm.tm_year + 1900, tm.tm_mon + 1,
+           tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, ext);
+  return b;
+}
+
+// The two-phase MP4 export: a plan, then each planned file front to back.
+std::string run_mp4(fs_app& app, const job& j, const std::string& dir) {
+  std::vector<char> plan(1 << 20, '\0');
+  int mask = 0;
+  for (int ch : j.s.chans) mask |= 1 << ch;
+  int n = j.s.sub ? app.bk_phase_one_substream(dir.c_str(), j.s.beg, j.s.end, mask, plan.data())
+                  : app.bk_phase_one(dir.c_str(), j.s.beg, j.s.end, mask, plan.data());
+  if (n <= 0) return "nothing recorded on those channels in the range";
+  for (const char* p = plan.data(); *p && !cancelled(j.id);) {
+    const char* nl = strchr(p, '\n');
+    std::string line(p, nl ? static_cast<size_t>(nl - p) : strlen(p));
+    p = nl ? nl + 1 : p + line.size();
+    char name[128];
+    int ch, size, item, entry, off, t;
+    if (sscanf(line.c_str(), "%127s %d %d %d %d %d %d", name, &ch, &size, &item, &entry, &off,
+               &t) != 7 ||
+        strchr(name, '/') != nullptr)
+      continue;
+    std::string path = dir + "/" + name;
+    FILE* f = fopen(path.c_str(), "wb");
+    if (!f) return "cannot create " + path + ": " + strerror(errno);
+    int r = j.s.sub ? app.bk_phase_two_substream(f, name, ch, size, item, entry, off)
+                    : app.bk_phase_two(f, name, ch, size, item, entry, off);
+    bool ok = closed_ok(f);
+    // A planned file is only valid whole: its mdat size was written first.
+    if (!ok || r <= 0) {
+      remove(path.c_str());
+      if (cancelled(j.id)) break;
+      return ok ? std::string(name) + ": the recording ended before the planned bytes"
+                : "writing " + path + " failed (is the disk full?)";
+    }
+    add_file(j.id, name);
+  }
+  return "";
+}
+
+// IRF: a file per selected hour with every chosen channel; OEM: a file per minute.
+std::string run_irf_oem(fs_app& app, const job& j, const std::string& dir) {
+  int mask = 0;
+  for (int ch : j.s.chans) mask |= 1 << ch;
+  bool irf = j.s.format == "irf";
+  std::string made;
+  if (irf) {
+    // The application prepares the IRF file header: "TOLVEX", zeros to 4096 bytes.
+    std::string hp = board_path(IRF_HEADER_FILE);
+    if (access(hp.c_str(), R_OK) != 0) {
+      FILE* f = fopen(hp.c_str(), "wb");
+      if (!f) return "cannot prepare the IRF header on the board";
+      std::vector<char> h(4096, 0);
+      memcpy(h.data(), "TOLVEX", 6);
+      fwrite(h.data(), 1, h.size(), f);
+      fclose(f);
+      made = hp;
+    }
+  }
+  int items = app.bk_set(j.s.beg, j.s.end, mask);
+  std::string tmp = dir + "/.part", err;
+  for (int item = 0; item < items && err.empty() && !cancelled(j.id); item++) {
+    for (int more = 1; more == 1 && !cancelled(j.id);) {
+      FILE* f = fopen(tmp.c_str(), "wb");
+      if (!f) {
+        err = "cannot create " + tmp;
+        break;
+      }
+      int t = 0, started = 0;
+      more = irf ? (app.bk_irf_write(f, item, mask, started), 0)
+                 : app.bk_kesto_write(f, item, mask, t);
+      if (irf && started) t = std::max(j.s.beg, app.bk_state.items[item].e.time);
+      struct stat st;
+      if (!closed_ok(f)) err = "writing into " + dir + " failed (is the disk full?)";
+      if (!err.empty() || t == 0 || stat(tmp.c_str(), &st) != 0 || st.st_size == 0) {
+        remove(tmp.c_str());
+        continue;
+      }
+      std::string name = stamp(t, irf ? "irf" : "oem");
+      for (int k = 1; access((dir + "/" + name).c_str(), F_OK) == 0; k++)
+        name = stamp(t, "") + std::to_string(k) + (irf ? ".irf" : ".oem");
+      if (rename(tmp.c_str(), (dir + "/" + name).c_str()) == 0) add_file(j.id, name);
+    }
+  }
+  if (!made.empty()) remove(made.c_str());
+  if (err.empty() && !cancelled(j.id)) {
+    std::lock_guard<std::mutex> g(g_m);
+    if (g_jobs[j.id].files.empty()) err = "nothing recorded on those channels in the range";
+  }
+  return err;
+}
+
+void worker() {
+  fs_app& app = *g_vols->app;
+  for (;;) {
+    job j;
+    {
+      std::unique_lock<std::mutex> g(g_m);
+      g_cv.wait(g, [] {
+        if (g_stop) return true;
+        for (auto& kv : g_jobs)
+          if (kv.second.state == "queued") return true;
+        return false;
+      });
+      if (g_stop) return;
+      for (auto& kv : g_jobs)
+        if (kv.second.state == "queued") {
+          kv.second.state = "running";
+          j = kv.second;
+          break;
+        }
+    }
+    std::string dir = g_dir + "/job-" + std::to_string(j.id);
+    mkdir(dir.c_str(), 0755);
+    if (g_sem >= 0) {
+      semun_arg a;
+      a.val = 0;
+      semctl(g_sem, 0, SETVAL, a);
+      semctl(g_sem, 1, SETVAL, a);
+    }
+    std::string err = j.s.format == "mp4" ? run_mp4(app, j, dir) : run_irf_oem(app, j, dir);
+    bool cut = cancelled(j.id);
+    // Completion is posted only for a run that completed.
+    if (err.empty() && !cut) app.bk_over();
+    app.bk_clr();
+    remove(board_path(BK_CANCEL_MARKER).c_str());
+    std::lock_guard<std::mutex> g(g_m);
+    job& k = g_jobs[j.id];
+    k.state = cut ? "cancelled" : err.empty() ? "done" : "failed";
+    k.message = err;
+    if (k.state == "done") k.progress = 100;
+  }
+}
+
+}  // namespace
+
+int jobs_start(const std::vector<std::string>& disks, const std::string& dir) {
+  g_dir = dir;
+  g_vols = new tool::volume_set();
+  g_vols->app->set(32);
+  int rc = g_vols->open(disks);
+  if (rc != 0) return rc;
+  // The recorder's application creates the progress set; so does the server.
+  key_t key = ftok(board_path(BK_SEM_PATH).c_str(), BK_SEM_PROJ);
+  if (key != static_cast<key_t>(-1)) {
+    g_sem = semget(key, 2, IPC_CREAT | IPC_EXCL | 0600);
+    if (g_sem >= 0)
+      g_sem_made = true;
+    else if (errno == EEXIST)
+      g_sem = semget(key, 2, 0);
+  }
+  g_worker = std::thread(worker);
+  return 0;
+}
+
+void jobs_stop() {
+  {
+    std::lock_guard<std::mutex> g(g_m);
+    g_stop = true;
+    for (auto& kv : g_jobs) kv.second.cancel = true;
+  }
+  int fd = open(board_path(BK_CANCEL_MARKER).c_str(), O_WRONLY | O_CREAT, 0644);
+  if (fd >= 0) close(fd);
+  g_cv.notify_all();
+  if (g_worker.joinable()) g_worker.join();
+  remove(board_path(BK_CANCEL_MARKER).c_str());
+  if (g_sem_made) semctl(g_sem, 0, IPC_RMID);
+  delete g_vols;
+  g_vols = nullptr;
+}
+
+reply job_create(const job_spec& s) {
+  std::lock_guard<std::mutex> g(g_m);
+  int id = g_next++;
+  job& j = g_jobs[id];
+  j.id = id;
+  j.s = s;
+  g_cv.notify_all();
+  reply r;
+  r.status = 202;
+  r.body = "{\"id\": " + std::to_string(id) + ", \"state\": \"queued\"}\n";
+  return r;
+}
+
+reply job_status(int id) {
+  std::lock_guard<std::mutex> g(g_m);
+  auto it = g_jobs.find(id);
+  if (it == g_jobs.end()) return error_reply(404, "no export job " + std::to_string(id));
+  job& j = it->second;
+  int result = 0;
+  if (j.state == "running" && g_sem >= 0) {
+    int v = semctl(g_sem, 0, GETVAL);
+    result = semctl(g_sem, 1, GETVAL);
+    if (v >= 0 && v <= 100) j.progress = v;
+  }
+  reply r;
+  r.body = "{\"id\": " + std::to_string(id) + ", \"state\": \"" + j.state +
+           "\", \"progress\": " + std::to_string(j.progress) +
+           ", \"result\": " + std::to_string(result) + ", \"format\": \"" + j.s.format +
+           "\", \"message\": " + json_str(j.message) + ", \"files\": [";
+  for (size_t i = 0; i < j.files.size(); i++) {
+    struct stat st;
+    std::string p = g_dir + "/job-" + std::to_string(id) + "/" + j.files[i];
+    long long size = stat(p.c_str(), &st) == 0 ? st.st_size : 0;
+    r.body += (i ? ", " : "") + std::string("{\"name\": ") + json_str(j.files[i]) +
+              ", \"bytes\": " + std::to_string(size) + ", \"url\": \"/api/export/" +
+              std::to_string(id) + "/file/" + std::to_string(i) + "\"}";
+  }
+  r.body += "]}\n";
+  return r;
+}
+
+reply job_cancel(int id) {
+  {
+    std::lock_guard<std::mutex> g(g_m);
+    auto it = g_jobs.find(id);
+    if (it == g_jobs.end()) return error_reply(404, "no export job " + std::to_string(id));
+    job& j = it->second;
+    if (j.state == "queued") j.state = "cancelled";
+    if (j.state == "running") {
+      j.cancel = true;
+      // The writers look for the marker before each minute.
+      int fd = open(board_path(BK_CANCEL_MARKER).c_str(), O_WRONLY | O_CREAT, 0644);
+      if (fd >= 0) close(fd);
+    }
+  }
+  return job_status(id);
+}
+
+std::string job_file(int id, int index, reply* err) {
+  std::lock_guard<std::mutex> g(g_m);
+  auto it = g_jobs.find(id);
+  if (it == g_jobs.end() || index < 0 || index >= static_cast<int>(it->second.files.size())) {
+    *err = error_reply(404, "no such export file");
+    return "";
+  }
+  return g_dir + "/job-" + std::to_string(id) + "/" + it->second.files[static_cast<size_t>(index)];
+}
+
+}  // namespace serve
