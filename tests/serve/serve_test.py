@@ -308,7 +308,7 @@ def browser_case(work, node_dir):
     srv = Server(b, "--export-dir", exp)
     env = dict(os.environ, NODE_PATH=os.path.join(node_dir, "node_modules"))
     r = subprocess.run(["node", os.path.join(HERE, "browser_test.js"), "http://127.0.0.1:%d/" % srv.port,
-                        exp, os.path.join(node_dir, "serve.png")], env=env, timeout=300)
+                        exp, os.path.join(node_dir, "serve.png")], env=env, timeout=600)
     check(r.returncode == 0, "the page in Chromium")
     srv.stop()
 

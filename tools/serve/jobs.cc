@@ -194,16 +194,19 @@ void worker() {
       semctl(g_sem, 1, SETVAL, a);
     }
     std::string err = j.s.format == "mp4" ? run_mp4(app, j, dir) : run_irf_oem(app, j, dir);
+    // A cancel that comes after this look finds the work complete: the job is done.
     bool cut = cancelled(j.id);
     // Completion is posted only for a run that completed.
     if (err.empty() && !cut) app.bk_over();
     app.bk_clr();
-    remove(board_path(BK_CANCEL_MARKER).c_str());
     std::lock_guard<std::mutex> g(g_m);
     job& k = g_jobs[j.id];
     k.state = cut ? "cancelled" : err.empty() ? "done" : "failed";
     k.message = err;
     if (k.state == "done") k.progress = 100;
+    // Under the lock, once the job no longer runs: a cancel racing with the end of the
+    // run made its marker before this, so none is left behind to cut the next job short.
+    remove(board_path(BK_CANCEL_MARKER).c_str());
   }
 }
 
