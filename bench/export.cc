@@ -171,11 +171,12 @@ double single_pass_all(fs_app& app, const std::string& dir, int end, int mask,
 }
 
 // Writing `bytes` of output as the writers hand them to stdio: in frame-sized pieces
-// (4 KiB) through fwrite, to files of the same directory.
-double write_loop(const std::string& dir, long long bytes) {
+// (4 KiB) through fwrite, to a file of the same directory that, like the export's own
+// files, holds the previous run's bytes of the same size.
+double write_loop(const std::string& path, long long bytes) {
   std::vector<char> buf(4096, 'x');
   double t0 = now_s();
-  FILE* f = fopen((dir + "/limit.out").c_str(), "wb");
+  FILE* f = fopen(path.c_str(), "wb");
   for (long long done = 0; done < bytes; done += static_cast<long long>(buf.size()))
     fwrite(buf.data(), 1, buf.size(), f);
   fclose(f);
@@ -425,8 +426,8 @@ int main(int argc, char** argv) {
     double rd = pread_loop(root + "/dev/sda", regions, &loop_bytes);
     loop.v.push_back(rd);
     loop_reads = g_preads;
-    lim.v.push_back(rd + write_loop(dir, std::max(two_bytes, one_bytes)));
-    lim16.v.push_back(rd + write_loop(dir, std::max(two16_bytes, one16_bytes)));
+    lim.v.push_back(rd + write_loop(dir + "/limit1.out", std::max(two_bytes, one_bytes)));
+    lim16.v.push_back(rd + write_loop(dir + "/limit16.out", std::max(two16_bytes, one16_bytes)));
     bkr.v.push_back(bk_read_loop(*app, end));
     double t0 = now_s();
     if (system(("ffmpeg -v error -y -f h264 -i " + es + " -c copy " + ref).c_str()) != 0) return 1;
