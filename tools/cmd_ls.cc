@@ -2,6 +2,7 @@
 //
 //   ringrec ls DEV [--json]   name, first block, size, channels of each minute
 //   ringrec ls DEV --raw      the library's own listing (the last minute of each hour)
+#include <ringrec/entry_names.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -172,8 +173,8 @@ std::vector<entry_t> read_table(fs_db& db, entryX_t& x, int* bad) {
   return out;
 }
 
-bool is_hour(const entry_t& e) { return strncmp(e.name, "HOUR_", 5) == 0; }
-bool is_minute(const entry_t& e) { return strncmp(e.name, "MIN_", 4) == 0; }
+bool is_hour(const entry_t& e) { return entry_is_hour(e.name); }
+bool is_minute(const entry_t& e) { return entry_is_min(e.name); }
 
 long long last_recorded(fs_db& db) {
   entryX_t root;

@@ -75,20 +75,13 @@ int extract(volume_set& v, long long at, long long to, bool has_to, int ch, cons
     if (head.size <= 0 || head.size > kMaxBlock) continue;
     buf.resize(static_cast<size_t>(head.size));
     if (app.r_data(buf.data(), head.size) != 0) continue;
-    // Frames lie back to back: frame_head_t, then len bytes. A length that runs past the
-    // block ends the walk of this block.
-    long long pos = 0;
-    while (pos + FRAME_HEAD <= head.size) {
-      frame_head_t fh;
-      memcpy(&fh, buf.data() + pos, sizeof fh);
-      if (fh.type >= FRAME_INVALID || fh.len > static_cast<uint32_t>(head.size - pos - FRAME_HEAD))
-        break;
-      const char* data = buf.data() + pos + FRAME_HEAD;
-      pos += FRAME_HEAD + static_cast<long long>(fh.len);
+    const unsigned char* data0 = reinterpret_cast<const unsigned char*>(buf.data());
+    block_frames(head, data0, [&](const frame_head_t& fh, const char* data) {
+      if (fh.type >= FRAME_INVALID) return false;  // the rest of the block is unusable
       if (!frame_is_video(fh.type) || static_cast<int>(fh.ch) != ch ||
           fh.stream == BLOCK_STREAM_SUB)
-        continue;
-      if (!started && !frame_is_key(fh.type)) continue;  // a decoder starts at a key frame
+        return true;
+      if (!started && !frame_is_key(fh.type)) return true;  // a decoder starts at a key frame
       if (!started) {
         width = static_cast<int>(fh.width);
         height = static_cast<int>(fh.height);
@@ -100,7 +93,8 @@ int extract(volume_set& v, long long at, long long to, bool has_to, int ch, cons
       frames++;
       bytes += fh.len;
       last = head.time;
-    }
+      return true;
+    });
   }
   ok = fclose(f) == 0 && ok;
   if (!ok) return fail("writing " + out + " failed: check the free space");

@@ -28,11 +28,11 @@
 #include <string>
 #include <vector>
 
+#include "cli.h"
 #include "command.h"
 #include "quiet.h"
 #include "sim/board.h"
 #include "time_arg.h"
-#include "cli.h"
 
 namespace {
 
@@ -47,23 +47,6 @@ const char* const kUsage =
 
 const unsigned kFileLimit = 0x7FE00000u;  // export's size limit: just short of 2 GiB
 const char* const kReach[] = {"listed", "region", "unlisted"};
-
-std::string json_str(const std::string& s) {
-  std::string o = "\"";
-  for (unsigned char c : s) {
-    if (c == '"' || c == '\\') {
-      o += '\\';
-      o += static_cast<char>(c);
-    } else if (c < 0x20) {
-      char b[8];
-      snprintf(b, sizeof b, "\\u%04x", c);
-      o += b;
-    } else {
-      o += static_cast<char>(c);
-    }
-  }
-  return o + "\"";
-}
 
 std::string mb(long long b) {
   char t[32];
@@ -123,8 +106,8 @@ void report_text(const disk& d) {
 void report_json(const disk& d, bool last) {
   const fs_recover& r = *d.r;
   static const char* const from[] = {"primary", "secondary", "layout"};
-  printf("{\"disk\":%s,\"superblock\":\"%s\",\"data_area\":[%lld,%lld],", json_str(d.name).c_str(),
-         from[r.sb_from], r.ring_beg, r.ring_end);
+  printf("{\"disk\":%s,\"superblock\":\"%s\",\"data_area\":[%lld,%lld],",
+         tool::json_str(d.name).c_str(), from[r.sb_from], r.ring_beg, r.ring_end);
   printf("\"index\":{\"readable\":%s,\"minutes\":%d,\"damaged_entries\":%d},",
          r.index_ok ? "true" : "false", r.minutes, r.bad_entries);
   printf(
@@ -301,21 +284,18 @@ struct exporter {
     if (!b.frame_block) return 0;
     head_t h;
     memcpy(&h, b.bytes, sizeof h);
-    const unsigned char* d = b.bytes + BLOCK_HEAD;
-    for (int off = 0; off + FRAME_HEAD <= h.size;) {
-      frame_head_t fh;
-      memcpy(&fh, d + off, sizeof fh);
-      const char* data = reinterpret_cast<const char*>(d + off + FRAME_HEAD);
-      off += FRAME_HEAD + static_cast<int>(fh.len);
+    int r = 0;
+    block_frames(h, b.bytes + BLOCK_HEAD, [&](const frame_head_t& fh, const char* data) {
       bool sub = fh.stream == BLOCK_STREAM_SUB || (fh.stream < 2 && h.stream == BLOCK_STREAM_SUB);
-      if (fh.ch >= 32 || !x.wanted(static_cast<int>(fh.ch)) || sub != x.sub) continue;
+      if (fh.ch >= 32 || !x.wanted(static_cast<int>(fh.ch)) || sub != x.sub) return true;
       // Frames come in time order: a block older than what the file holds (an earlier
       // lap of the ring found after a later one) is left out.
       out_file& o = x.files[fh.ch];
-      if (o.f != nullptr && h.time < o.last) continue;
-      if (x.frame(h.time, fh, data) != 0) return 1;
-    }
-    return 0;
+      if (o.f != nullptr && h.time < o.last) return true;
+      r = x.frame(h.time, fh, data);
+      return r == 0;
+    });
+    return r != 0 ? 1 : 0;
   }
 };
 
@@ -475,6 +455,9 @@ int run_rebuild(std::vector<disk>& disks, const std::string& out, long long size
     walk_blocks(disks, from, to, rebuilder::visit, &rb);
     tool::finish_recording(*app);
     fs_sys = keep;
+    // Written as a write-once volume, so that a full image refuses blocks instead of
+    // recycling the first hours; handed over recyclable, as a recorder formats its disks.
+    if (!rb.failed && row.db->s_flag(0) != 0) rb.failed = 1;
     if (rb.failed)
       rc = fail("writing the rebuilt volume failed after " + std::to_string(rb.blocks) +
                 " blocks (is the disk full, or --size too small?); nothing was kept");
@@ -525,17 +508,9 @@ int run_recover(const std::vector<std::string>& in) {
   if ((exp || reb) && json) return usage_error("recover", "--json is for the report");
   exporter x;
   if (exp) {
-    for (size_t p = 0; p <= chs.size();) {
-      size_t q = chs.find(',', p);
-      std::string one = chs.substr(p, q == std::string::npos ? std::string::npos : q - p);
-      char* end = nullptr;
-      long v = strtol(one.c_str(), &end, 10);
-      if (one.empty() || *end != 0 || v < 0 || v > 31)
-        return usage_error("recover", "--ch: channel numbers 0 to 31, separated by commas");
-      if (!x.wanted(static_cast<int>(v))) x.chans.push_back(static_cast<int>(v));
-      if (q == std::string::npos) break;
-      p = q + 1;
-    }
+    uint32_t mask = 0;
+    if (!tool::parse_channels(chs, &mask, &x.chans))
+      return usage_error("recover", "--ch: channel numbers 0 to 31, separated by commas");
     x.dir = outdir;
     x.sub = sub;
     x.audio = audio;
@@ -567,7 +542,6 @@ int run_recover(const std::vector<std::string>& in) {
       rc = 1;
       continue;
     }
-    std::string what = "scanning " + name;
     d.r->progress = on_progress;
     d.r->progress_ctx = const_cast<char*>("scanning");
     int n = d.r->scan(static_cast<int>(from), static_cast<int>(to), nullptr, nullptr);

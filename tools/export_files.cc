@@ -65,7 +65,7 @@ std::string stamp(int time, const char* ext) {
 // The application prepares the IRF file header: "TOLVEX", a zero, version 0, the rest
 // zero to 4096 bytes. The tool makes one when the board has none, and removes it after.
 bool irf_header(std::string* made) {
-  std::string path = board_path("/tmp/header.irf");
+  std::string path = board_path(IRF_HEADER_FILE);
   if (access(path.c_str(), R_OK) == 0) return true;
   FILE* f = fopen(path.c_str(), "wb");
   if (!f) return false;

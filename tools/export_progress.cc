@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <ringrec/app_interface.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/ipc.h>
@@ -33,7 +34,7 @@ union semun_arg {
 }  // namespace
 
 void cancel_arm() {
-  g_cancel_path = board_path("/tmp/bk_cancel");
+  g_cancel_path = board_path(BK_CANCEL_MARKER);
   remove(g_cancel_path.c_str());
   g_cancelled = 0;
   struct sigaction sa;
@@ -54,8 +55,8 @@ progress_reader::progress_reader(FILE* out, bool tty) : out_(out), tty_(tty) {}
 progress_reader::~progress_reader() { finish(); }
 
 bool progress_reader::open() {
-  std::string dot = board_path("/.");
-  key_t key = ftok(dot.c_str(), 66);
+  std::string dot = board_path(BK_SEM_PATH);
+  key_t key = ftok(dot.c_str(), BK_SEM_PROJ);
   if (key == static_cast<key_t>(-1)) return false;
   id_ = semget(key, 2, IPC_CREAT | IPC_EXCL | 0600);
   if (id_ >= 0)

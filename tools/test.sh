@@ -55,7 +55,7 @@ CC=clang CXX=clang++ build out/fuzz -DRINGREC_FUZZ=ON -DRINGREC_SANITIZE=address
   -DRINGREC_TESTS=OFF -DRINGREC_TOOLS=OFF
 echo "== fuzz"
 # The reader target lays its input out as the volume target does and shares its seeds.
-for t in volume minute reader; do
+for t in volume minute reader recover; do
   seeds=fuzz/corpus/$t; [ "$t" = reader ] && seeds=fuzz/corpus/volume
   out/fuzz/fuzz/fuzz_$t -runs=0 -close_fd_mask=2 $seeds
   rm -rf out/fuzz/work/$t && mkdir -p out/fuzz/work/$t

@@ -129,6 +129,10 @@ class fs_recover {
   // Returns the count; order must hold chain_cnt ints.
   int chain_order(int* order);
 
+  // Heap bytes the object holds: the read buffer, the chains, the spans and the
+  // index's regions. None of it grows with the number of blocks.
+  long long mem_bytes() const;
+
   // Whether a block at [pos, pos + len) with head time t is reached by the index.
   int reach_of(long long pos, int len, int t);
 

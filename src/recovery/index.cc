@@ -197,7 +197,7 @@ int fs_recover::load_index() {
     }
   }
   free(tab);
-  if (ext_cnt > 0) qsort(ext, static_cast<size_t>(ext_cnt), sizeof *ext, cmp_ext);
+  if (ext_cnt > 1) qsort(ext, static_cast<size_t>(ext_cnt), sizeof *ext, cmp_ext);
   return 0;
 }
 
@@ -222,4 +222,10 @@ int fs_recover::reach_of(long long pos, int len, int t) {
     reach = RC_REGION;
   }
   return reach;
+}
+
+long long fs_recover::mem_bytes() const {
+  return static_cast<long long>(buf_cap) + static_cast<long long>(sizeof(rc_chain_t)) * chain_cap +
+         static_cast<long long>(sizeof(rc_span_t)) * span_cap +
+         static_cast<long long>(sizeof(extent_t)) * ext_cap;
 }

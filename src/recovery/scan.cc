@@ -169,17 +169,17 @@ void fs_recover::note_spans(const unsigned char* p, int reach) {
   memset(frames, 0, sizeof frames);
   memset(bytes, 0, sizeof bytes);
   uint64_t touched = 0;
-  for (int off = 0; off + FRAME_HEAD <= h.size;) {
-    frame_head_t f;
-    memcpy(&f, d + off, sizeof f);
+  // The block's frames were checked to fill it exactly before it was taken; the walker
+  // bounds every frame by the block all the same.
+  block_frames(h, d, [&](const frame_head_t& f, const char*) {
     int sub = f.stream == BLOCK_STREAM_SUB || (f.stream < 2 && h.stream == BLOCK_STREAM_SUB);
     if (f.ch < static_cast<uint32_t>(kSpanCh)) {
       if (frame_is_video(f.type)) frames[f.ch][sub]++;
       bytes[f.ch][sub] += FRAME_HEAD + static_cast<long long>(f.len);
       touched |= 1ULL << (f.ch * 2 + sub);
     }
-    off += FRAME_HEAD + static_cast<int>(f.len);
-  }
+    return true;
+  });
   for (int ch = 0; ch < kSpanCh; ch++) {
     for (int sub = 0; sub < 2; sub++) {
       if (!(touched & (1ULL << (ch * 2 + sub)))) continue;
@@ -347,6 +347,6 @@ int fs_recover::replay(const rc_chain_t& c, int from, int to, rc_visit_fn fn, vo
 int fs_recover::chain_order(int* order) {
   for (int i = 0; i < chain_cnt; i++) order[i] = i;
   g_sort_chains = chains;
-  qsort(order, static_cast<size_t>(chain_cnt), sizeof *order, cmp_chain);
+  if (chain_cnt > 1) qsort(order, static_cast<size_t>(chain_cnt), sizeof *order, cmp_chain);
   return chain_cnt;
 }

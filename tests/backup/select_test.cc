@@ -6,6 +6,7 @@
 
 #include <map>
 
+#include "backup/backup.h"
 #include "backup/bk_kit.h"
 
 namespace {
@@ -211,6 +212,29 @@ TEST_F(Select, DamagedHeadsEndTheEntryWithoutReadingPastIt) {
   app->bk_clr();
 }
 
+// Frames back to back in a block's data; the count and lengths come from the disk.
+TEST(Frames, TheWalkStopsAtAFrameRunningPastTheBlock) {
+  for (uint32_t second : {5u, 6u}) {  // fits exactly; one byte past the data
+    std::string data(2 * 44 + 10 + 5, '\0');
+    uint32_t len0 = 10;
+    memcpy(&data[40], &len0, 4);  // word 10: data length
+    memcpy(&data[44 + 10 + 40], &second, 4);
+    head_t h;
+    memset(&h, 0, sizeof h);
+    h.size = static_cast<int32_t>(data.size());
+    h.frames = 3;  // one more than the data holds
+    std::vector<uint32_t> lens;
+    block_frames(h, reinterpret_cast<const unsigned char*>(data.data()),
+                 [&](const frame_head_t& f, const char*) {
+                   lens.push_back(f.len);
+                   return true;
+                 });
+    std::vector<uint32_t> want = {10, 5};
+    if (second == 6) want.pop_back();
+    EXPECT_EQ(want, lens);
+  }
+}
+
 TEST(Check, FramesAreClassifiedByTypeAndStream) {
   fs_app app;
   struct row {
@@ -253,6 +277,12 @@ struct Progress : ::testing::Test {
   kit::Board board{1, 64LL << 20};
   fs_app app;
 };
+
+TEST(Percent, WorkDoneIsRoundedDown) {
+  EXPECT_EQ(66, bk_percent(2, 3));
+  EXPECT_EQ(99, bk_percent(199, 200));
+  EXPECT_EQ(100, bk_percent(0, 0));  // no work: complete
+}
 
 TEST_F(Progress, ReportsAreThrottledAndPostedToTheApplicationsSet) {
   kit::SemSet sem(board.root());

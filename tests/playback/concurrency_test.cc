@@ -19,10 +19,7 @@ struct locked {
   ~locked() { pthread_mutex_unlock(&m); }
 };
 
-bool own_record(const std::string& b) {
-  uint32_t t = rec::head_of(b).type;
-  return t == 4 || t == 8 || t == 9 || t == 10;
-}
+bool own_record(const std::string& b) { return rec::is_record(rec::head_of(b).type); }
 
 TEST(PlaybackConcurrency, ReaderFollowsTheMinutesBeingWritten) {
   kit::Board board(1, 256LL << 20);
@@ -83,7 +80,8 @@ TEST(PlaybackConcurrency, ReaderFollowsTheMinutesBeingWritten) {
       if (h != nullptr) {
         b.assign(296 + static_cast<size_t>(h->size), '\0');
         memcpy(&b[0], h, 288);
-        if (app->r_data(&b[288], h->size) != 0 || app->r_offset_data(&b[288 + h->size], h->size, 8) != 0)
+        if (app->r_data(&b[288], h->size) != 0 ||
+            app->r_offset_data(&b[288 + h->size], h->size, 8) != 0)
           b.clear();
       }
     }

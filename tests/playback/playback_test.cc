@@ -23,10 +23,7 @@ std::string block_at(fs_app& app) {
 
 // Type word of a stored block: 4, 8, 9 and 10 are the minute's own records.
 uint32_t type_of(const std::string& b) { return rec::head_of(b).type; }
-bool is_record(const std::string& b) {
-  uint32_t t = type_of(b);
-  return t == 4 || t == 8 || t == 9 || t == 10;
-}
+bool is_record(const std::string& b) { return rec::is_record(type_of(b)); }
 
 TEST_F(Scenario, TimeSearchesListTheRecordedHoursAndMinutes) {
   kit::StderrCapture err;
@@ -72,7 +69,8 @@ TEST_F(Scenario, TimeSearchesListTheRecordedHoursAndMinutes) {
   app->q_time(0, none);
   std::string log = err.take();
   char line[128];
-  snprintf(line, sizeof line, "q_time[1671]: num=6, beg=%d, end=%d\n", kStart - 1800, kStart + 7200);
+  snprintf(line, sizeof line, "q_time[1671]: num=6, beg=%d, end=%d\n", kStart - 1800,
+           kStart + 7200);
   EXPECT_EQ(1, kit::count(log, line)) << log;
   EXPECT_EQ(1, kit::count(log, "q_time[1671]: num=0, beg=0, end=0\n"));
   // Hour H on both disks, then hour H+1: one "ti" line per hour entry that holds

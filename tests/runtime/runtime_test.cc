@@ -16,16 +16,6 @@ TEST(PathResolver, PrefixesAbsolutePathsWithTheBoardRootReadAtEachCall) {
   unsetenv("RINGREC_ROOT");
 }
 
-TEST(PathResolver, RealpathOfABoardLinkComesBackAsALogicalPath) {
-  kit::Board board({{"sda", 64 << 20, "X", false}, {"sdb", 64 << 20, "Y", true}});
-  std::string out;
-  ASSERT_TRUE(fs_realpath("/sys/block/sda/device", out));
-  EXPECT_EQ(out.find("/sys/devices/platform/ahci"), 0u) << out;
-  ASSERT_TRUE(fs_realpath("/sys/block/sdb/device", out));
-  EXPECT_EQ(out.find("/sys/devices/platform/hiusb"), 0u) << out;
-  EXPECT_FALSE(fs_realpath("/sys/block/sdz/device", out));
-}
-
 TEST(Diagnostics, EachCallIsOneWholeLineWithItsPrefix) {
   kit::StderrCapture cap;
   fs_log("read", 54, "ERROR: READ\n");

@@ -231,7 +231,9 @@ void check_cut(const Scenario& s, size_t k, const std::string& dst) {
   d.close();
 }
 
-void hours_scenario(Scenario& s) {
+// Records the scenario's writes with rec, from the formatted volume on.
+void hours_scenario(Scenario& s, kit::WriteRecorder& rec) {
+  s.start(rec);
   s.hour("HOUR_0:00");
   s.minute("HOUR_0:00", "MIN_00:00");
   s.write("HOUR_0:00", "MIN_00:00", 0, 65536, 1);
@@ -256,6 +258,14 @@ void hours_scenario(Scenario& s) {
   s.minute("HOUR_3:00", "MIN_00:00");
   s.write("HOUR_3:00", "MIN_00:00", 0, 20000, 7);
   s.flush("HOUR_3:00", "MIN_00:00");
+  rec.stop();
+}
+
+// Writes recorded before the step named `what` began; 0 when there is none.
+size_t writes_before(const Scenario& s, const std::string& what) {
+  for (size_t m = 1; m < s.ms.size(); m++)
+    if (s.ms[m].what == what) return s.ms[m - 1].writes;
+  return 0;
 }
 
 }  // namespace
@@ -268,9 +278,7 @@ kit::CrashPlan plan() { return kit::CrashPlan(); }
 TEST(Crash, EveryPowerLossKeepsWhatWasDurableBeforeIt) {
   Scenario s;
   kit::WriteRecorder rec;
-  s.start(rec);
-  hours_scenario(s);
-  rec.stop();
+  hours_scenario(s, rec);
   ASSERT_GT(rec.writes_to(s.img).size(), 40u);
   std::vector<kit::CrashCut> cuts = kit::crash_cuts(rec, s.img, plan());
   std::string dst = s.dir / "cut";
@@ -326,13 +334,9 @@ TEST(Crash, EveryPowerLossKeepsWhatWasDurableBeforeIt) {
 TEST(Crash, CutBetweenCompactionAndCountLeavesTheNewestHourTwice) {
   Scenario s;
   kit::WriteRecorder rec;
-  s.start(rec);
-  hours_scenario(s);
-  rec.stop();
-  size_t at = 0;
-  for (size_t m = 0; m < s.ms.size(); m++)
-    if (s.ms[m].what == "remove") at = s.ms[m - 1].writes + 1;  // after the run write
-  ASSERT_GT(at, 0u);
+  hours_scenario(s, rec);
+  size_t at = writes_before(s, "remove") + 1;  // after the run write
+  ASSERT_GT(at, 1u);
   std::string dst = s.dir / "cut";
   check_cut(s, at, dst);
   kit::StderrCapture quiet;
@@ -359,12 +363,8 @@ TEST(Crash, CutBetweenCompactionAndCountLeavesTheNewestHourTwice) {
 TEST(Crash, CutAfterTheTailAdvanceLeaksOneUnitUntilRecycled) {
   Scenario s;
   kit::WriteRecorder rec;
-  s.start(rec);
-  hours_scenario(s);
-  rec.stop();
-  size_t at = 0;
-  for (size_t m = 1; m < s.ms.size(); m++)
-    if (s.ms[m].what == "create HOUR_3:00") at = s.ms[m - 1].writes;
+  hours_scenario(s, rec);
+  size_t at = writes_before(s, "create HOUR_3:00");
   ASSERT_GT(at, 0u);
   std::string dst = s.dir / "cut";
   long long free_before = 0, free_after = 0;
