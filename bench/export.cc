@@ -9,12 +9,17 @@
 // Five interleaved runs of each; medians with their spread (min..max). Positioned
 // reads are counted through the system-call table.
 //
-//   bench_export [MINUTES]   recording length (default 60)
+//   bench_export [MINUTES] [DIR]   recording length (default 60: the 16-channel hour,
+//                                  about 7 GB of stored blocks)
+// DIR (default out/bench-export) keeps the simulated board, the encoded streams and the
+// channel's elementary stream: building the hour takes minutes, so it is built once and
+// reused while DIR/complete names the same shape. Outputs go to DIR/work, removed after.
 #include <fcntl.h>
 #include <ringrec/ringrec.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -166,11 +171,12 @@ double single_pass_all(fs_app& app, const std::string& dir, int end, int mask,
 }
 
 // Writing `bytes` of output as the writers hand them to stdio: in frame-sized pieces
-// (4 KiB) through fwrite, to files of the same directory.
-double write_loop(const std::string& dir, long long bytes) {
+// (4 KiB) through fwrite, to a file of the same directory that, like the export's own
+// files, holds the previous run's bytes of the same size.
+double write_loop(const std::string& path, long long bytes) {
   std::vector<char> buf(4096, 'x');
   double t0 = now_s();
-  FILE* f = fopen((dir + "/limit.out").c_str(), "wb");
+  FILE* f = fopen(path.c_str(), "wb");
   for (long long done = 0; done < bytes; done += static_cast<long long>(buf.size()))
     fwrite(buf.data(), 1, buf.size(), f);
   fclose(f);
@@ -249,14 +255,29 @@ double pread_loop(const std::string& image, const std::vector<region>& regions, 
   return now_s() - t0;
 }
 
-}  // namespace
+std::string export_shape(int minutes) {
+  return "16 channels, 768+128 kbit/s x264, ADPCM, 200 ms blocks, " + std::to_string(minutes) +
+         " min, v1";
+}
 
-int main(int argc, char** argv) {
-  int minutes = argc > 1 ? atoi(argv[1]) : 60;
-  const char* tmp = getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp";
-  std::string dir = std::string(tmp) + "/bench_export." + std::to_string(getpid());
+// The recording's shape and its stored bytes and build time, as DIR/complete holds them;
+// false when DIR holds no finished recording of that shape.
+bool built_as(const std::string& dir, const std::string& shape, long long* stored, double* rec_s) {
+  FILE* f = fopen((dir + "/complete").c_str(), "r");
+  if (f == nullptr) return false;
+  char line[256] = {0};
+  bool same = fgets(line, sizeof line, f) != nullptr && shape + "\n" == line &&
+              fscanf(f, "%lld %lf", stored, rec_s) == 2;
+  fclose(f);
+  return same;
+}
+
+// Records MINUTES of 16 channels (real x264 main and substreams looped, ADPCM sound) into
+// a fresh board in DIR, keeps channel 1's elementary stream as recorded in DIR/ch01.264
+// and leaves DIR/complete last.
+bool build(const std::string& dir, int minutes, long long* stored, double* rec_s) {
+  if (system(("rm -rf '" + dir + "' && mkdir -p '" + dir + "'").c_str()) != 0) return false;
   std::string root = dir + "/board";
-  if (system(("mkdir -p " + dir).c_str()) != 0) return 1;
   std::string main_es = dir + "/main.264", sub_es = dir + "/sub.264";
   std::string enc =
       "ffmpeg -v error -y -f lavfi -i testsrc2=size=%s:rate=25 -t 10 -pix_fmt yuv420p "
@@ -268,16 +289,15 @@ int main(int argc, char** argv) {
   snprintf(cmd, sizeof cmd, enc.c_str(), "320x180", "128k", sub_es.c_str());
   if (rc1 != 0 || system(cmd) != 0) {
     fprintf(stderr, "bench_export: ffmpeg with libx264 is needed (apt-get install ffmpeg)\n");
-    return 1;
+    return false;
   }
   std::string err;
-  long long disk = 16LL << 30;
+  long long disk = 16LL << 30;  // sparse: only the recorded blocks take room
   if (sim::board_create(root, {{"sda", disk, "BENCH", false}}, &err) != 0) {
     fprintf(stderr, "bench_export: %s\n", err.c_str());
-    return 1;
+    return false;
   }
   setenv("RINGREC_ROOT", root.c_str(), 1);
-
   sim::capture_spec shape;
   shape.channels = 16;
   shape.fps = 25;
@@ -291,30 +311,23 @@ int main(int argc, char** argv) {
   sim::capture cap;
   if (cap.open(shape, kStart * 1000LL, &err) != 0) {
     fprintf(stderr, "bench_export: %s\n", err.c_str());
-    return 1;
+    return false;
   }
-  // The library's diagnostics would dominate the terminal: kept in a file.
-  std::string log = dir + "/library.log";
-  fflush(stderr);
-  int saved = dup(2);
-  int lf = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  dup2(lf, 2);
-  close(lf);
-
   fs_app* app = new fs_app();
   app->set(16);
-  if (app->db_open("w") < 1 || app->db_format(0) != 0) return 1;
+  if (app->db_open("w") < 1 || app->db_format(0) != 0) return false;
   sim::clock_follow();
   std::vector<std::string> blocks;
   std::string ch0;  // the channel's elementary stream, as recorded
-  long long stored = 0;
+  long long failed = 0;
+  *stored = 0;
   double r0 = now_s();
   while (cap.now_ms() < (kStart + minutes * 60LL) * 1000LL) {
     cap.next(blocks);
     sim::clock_set(cap.time());
     for (const std::string& b : blocks) {
-      app->write(cap.time(), static_cast<int>(b.size()), b.data());
-      stored += static_cast<long long>(b.size());
+      if (app->write(cap.time(), static_cast<int>(b.size()), b.data()) != 0) failed++;
+      *stored += static_cast<long long>(b.size());
       head_t h;
       memcpy(&h, b.data(), sizeof h);
       if (h.stream != 2) continue;
@@ -327,15 +340,62 @@ int main(int argc, char** argv) {
     }
   }
   app->flush();
-  double rec_s = now_s() - r0;
+  *rec_s = now_s() - r0;
   sim::clock_release();
-  std::string es = dir + "/ch01.264";
-  FILE* f = fopen(es.c_str(), "wb");
-  fwrite(ch0.data(), 1, ch0.size(), f);
-  fclose(f);
-  ch0.clear();
   app->db_close();
-  app->db_open("r");
+  delete app;
+  if (failed != 0) return false;
+  FILE* f = fopen((dir + "/ch01.264").c_str(), "wb");
+  if (f == nullptr || fwrite(ch0.data(), 1, ch0.size(), f) != ch0.size() || fclose(f) != 0)
+    return false;
+  f = fopen((dir + "/complete").c_str(), "w");
+  if (f == nullptr) return false;
+  fprintf(f, "%s\n%lld %.1f\n", export_shape(minutes).c_str(), *stored, *rec_s);
+  return fclose(f) == 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int minutes = argc > 1 ? atoi(argv[1]) : 60;
+  if (minutes < 1 || minutes > 60) minutes = 60;
+  std::string base = argc > 2 ? argv[2] : "out/bench-export";
+  mkdir("out", 0755);
+  std::string root = base + "/board", es = base + "/ch01.264";
+  // The library's diagnostics would dominate the terminal: kept in a file.
+  std::string dir = base + "/work";
+  long long stored = 0;
+  double rec_s = 0;
+  bool cached = built_as(base, export_shape(minutes), &stored, &rec_s);
+  if (!cached) {
+    printf("building %s in %s\n", export_shape(minutes).c_str(), base.c_str());
+    fflush(stdout);
+    // The writer's lines of the build go to a file beside DIR.
+    fflush(stderr);
+    int keep = dup(2);
+    int bl = open((base + ".build.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    dup2(bl, 2);
+    close(bl);
+    bool ok = build(base, minutes, &stored, &rec_s);
+    fflush(stderr);
+    dup2(keep, 2);
+    close(keep);
+    if (!ok) {
+      fprintf(stderr, "bench_export: building the recording failed\n");
+      return 1;
+    }
+  }
+  if (system(("rm -rf '" + dir + "' && mkdir -p '" + dir + "'").c_str()) != 0) return 1;
+  setenv("RINGREC_ROOT", root.c_str(), 1);
+  std::string log = dir + "/library.log";
+  fflush(stderr);
+  int saved = dup(2);
+  int lf = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  dup2(lf, 2);
+  close(lf);
+  fs_app* app = new fs_app();
+  app->set(16);
+  if (app->db_open("r") < 1) return 1;
   int end = kStart + minutes * 60 - 1;
   audtype = 2;
   std::vector<region> regions = minute_regions("/dev/sda");
@@ -366,8 +426,8 @@ int main(int argc, char** argv) {
     double rd = pread_loop(root + "/dev/sda", regions, &loop_bytes);
     loop.v.push_back(rd);
     loop_reads = g_preads;
-    lim.v.push_back(rd + write_loop(dir, std::max(two_bytes, one_bytes)));
-    lim16.v.push_back(rd + write_loop(dir, std::max(two16_bytes, one16_bytes)));
+    lim.v.push_back(rd + write_loop(dir + "/limit1.out", std::max(two_bytes, one_bytes)));
+    lim16.v.push_back(rd + write_loop(dir + "/limit16.out", std::max(two16_bytes, one16_bytes)));
     bkr.v.push_back(bk_read_loop(*app, end));
     double t0 = now_s();
     if (system(("ffmpeg -v error -y -f h264 -i " + es + " -c copy " + ref).c_str()) != 0) return 1;
@@ -387,8 +447,8 @@ int main(int argc, char** argv) {
     es_mb = ftell(e) / 1048576.0;
     fclose(e);
   }
-  printf("recording: %d min, 16 channels, %.1f MB stored in %.1f s\n", minutes, stored / 1048576.0,
-         rec_s);
+  printf("recording: %d min, 16 channels, %.1f MB stored in %.1f s%s\n", minutes,
+         stored / 1048576.0, rec_s, cached ? " (built earlier)" : "");
   printf("channel 1: %.1f MB elementary stream; MP4 two-phase %.1f MB, single-pass %.1f MB\n",
          es_mb, two_bytes / 1048576.0, one_bytes / 1048576.0);
   auto line = [&](const char* name, const stat_t& s, double units) {
@@ -417,6 +477,7 @@ int main(int argc, char** argv) {
       two_rb / st, one_rb / st, two16_rb / st, one16_rb / st);
   printf("ratio_ffmpeg: two-phase %.2f, single-pass %.2f (same channel, wall time)\n",
          ff.median() / two.median(), ff.median() / one.median());
-  if (system(("rm -rf " + dir).c_str()) != 0) return 1;
+  // The outputs go; the recording stays for the next run.
+  if (system(("rm -rf '" + dir + "'").c_str()) != 0) return 1;
   return 0;
 }

@@ -177,8 +177,8 @@ int two_phase(job& j) {
   return 0;
 }
 
-// With sound, each hour of every chosen channel comes from one walk of the hour: the
-// per-hour writer for all channels at once (bk_write_channels), files named as they end.
+// Each hour of every chosen channel comes from one walk of the hour; the files are
+// named as they end.
 struct hour_run {
   job* j;
   std::vector<std::string> tmp;
@@ -251,61 +251,53 @@ int single_pass_hours(job& j) {
   return 0;
 }
 
-// Single pass writes as it reads. Without sound the multi-slot writer runs one file on
-// across the hours until the picture changes. With sound each hour is written by the
+// Single pass writes as it reads. Without sound the multi-slot writer runs each chosen
+// channel's file on across the hours until the picture changes, every channel from one
+// walk of each hour (bk_multi_m4v_write_channels). With sound each hour is written by the
 // per-hour writer, which hands the converted sound to the file frame by frame; the
 // multi-slot writer gathers it into 8000-byte pieces that the file's fixed sound chunk
 // table does not describe, so players would play that sound at the wrong pace.
 int single_pass(job& j) {
   if (j.audio) return single_pass_hours(j);
-  for (int ch : j.chans) {
-    int b = j.beg, e = j.end, m = 1 << ch;
-    int items = j.app->bk_multi_set(&b, &e, &m, 1);
-    FILE* f = nullptr;
-    std::string tmp = j.dir + "/.export.part";
-    int t = 0;
-    unsigned w = 0, h = 0, fps = 0;
-    auto finish = [&]() -> int {
-      unsigned box = 0, data = 0;
-      j.app->bk_multi_m4v_close(f, box, data);
-      fs_app::bk_set_mdat_size(f, data);
-      bool bad = write_failed(f);
-      f = nullptr;  // closed either way
-      if (bad) return write_error(j, tmp);
-      if (data == 0) {
-        remove(tmp.c_str());
-        return 0;
-      }
-      std::string name = free_name(j.dir, t, ch, w, h, fps);
-      std::string path = j.dir + "/" + name;
-      if (rename(tmp.c_str(), path.c_str()) != 0) return say(j, "cannot name " + path);
-      wrote(j, path, size_of(path));
-      j.files++;
-      if (cancelled()) j.cut = name;
-      return 0;
-    };
-    for (int item = 0; item < items && !cancelled(); item++) {
-      for (;;) {
-        if (!f) {
-          f = open_out(tmp);
-          if (!f) return say(j, "cannot create " + tmp + ": " + strerror(errno));
-        }
-        int r = j.app->bk_multi_m4v_write(f, item, ch, t, w, h, fps, false);
-        if (r == 1) {
-          if (finish() != 0) return 1;
-          continue;
-        }
-        if (r < 0) say(j, "channel " + std::to_string(ch) + ": video loss, the file ends there");
-        break;
-      }
+  size_t n = j.chans.size();
+  hour_run r;
+  r.j = &j;
+  for (size_t k = 0; k < n; k++) r.tmp.push_back(j.dir + "/.export.part" + std::to_string(k));
+  r.times.resize(n);
+  r.results.resize(n);
+  r.w.resize(n);
+  r.h.resize(n);
+  r.fps.resize(n);
+  std::vector<FILE*> outs;
+  std::vector<fs_mp4*> writers(n, nullptr);
+  for (size_t k = 0; k < n; k++) {
+    outs.push_back(open_out(r.tmp[k]));
+    if (!outs.back()) {
+      for (FILE* f : outs)
+        if (f) fclose(f);
+      return say(j, "cannot create " + r.tmp[k] + ": " + strerror(errno));
     }
-    if (f && finish() != 0) return 1;
-    // The multi selection has no clear of its own and a new selection zeroes its
-    // fields without freeing: the array goes back here (its writer is closed above).
-    free(j.app->bk_multi_state.items);
-    memset(&j.app->bk_multi_state, 0, sizeof j.app->bk_multi_state);
-    if (cancelled()) break;
   }
+  int b = j.beg, e = j.end, m = j.mask;
+  int items = j.app->bk_multi_set(&b, &e, &m, 1);
+  int c = static_cast<int>(n);
+  for (int item = 0; item < items && !cancelled() && !r.err; item++) {
+    j.app->bk_multi_m4v_write_channels(item, c, j.chans.data(), outs.data(), writers.data(),
+                                       r.times.data(), r.w.data(), r.h.data(), r.fps.data(),
+                                       r.results.data(), hour_file_done, &r);
+    for (size_t k = 0; k < n; k++)
+      if (r.results[k] < 0)
+        say(j, "channel " + std::to_string(j.chans[k]) + ": video loss, the file ends there");
+  }
+  // Past the last item: every file still open is finished.
+  j.app->bk_multi_m4v_write_channels(-1, c, j.chans.data(), outs.data(), writers.data(),
+                                     r.times.data(), r.w.data(), r.h.data(), r.fps.data(),
+                                     r.results.data(), hour_file_done, &r);
+  // The multi selection has no clear of its own and a new selection zeroes its fields
+  // without freeing: the array goes back here (its writers are closed above).
+  free(j.app->bk_multi_state.items);
+  memset(&j.app->bk_multi_state, 0, sizeof j.app->bk_multi_state);
+  if (r.err) return 1;
   if (j.files == 0 && !cancelled())
     return say(j, "nothing recorded on those channels between --from and --to");
   return 0;

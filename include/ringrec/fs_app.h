@@ -347,6 +347,22 @@ class fs_app {
                         FILE* (*done)(void* ctx, int k, FILE* out, unsigned pos, unsigned size,
                                       bool more),
                         void* ctx);
+  // bk_multi_m4v_write_channels: bk_multi_m4v_write(out, item, chs[k], ..., false) for the
+  // n channels chs[] at once, from one walk of the item, the channels selected in one slot.
+  // Each channel's file runs on across items as there: its writer stays in writers[k]
+  // (null before the first item) and outs[k] holds its current file, both updated by the
+  // call. Where bk_multi_m4v_write would return 1 the file is finished as
+  // bk_multi_m4v_close finishes it and done(ctx, k, out, pos, size, true) returns the next
+  // file (null stops the channel). An item outside the selection finishes every open file
+  // with done(..., false). times/widths/heights/fpss[k] are reported as
+  // bk_multi_m4v_write reports them; results[k] gets 0, or -1 when a video-loss frame
+  // stopped the channel for the rest of the item. Returns 0.
+  int bk_multi_m4v_write_channels(int item, int n, const int* chs, FILE** outs, fs_mp4** writers,
+                                  int* times, unsigned* widths, unsigned* heights, unsigned* fpss,
+                                  int* results,
+                                  FILE* (*done)(void* ctx, int k, FILE* out, unsigned pos,
+                                                unsigned size, bool more),
+                                  void* ctx);
   // The single-pass file leaves its mdat size for the end: writes it (data + 8, big
   // endian) at byte 24, after the 24-byte ftyp, where w_box_mdat put the header.
   static int bk_set_mdat_size(FILE* out, unsigned data);

@@ -275,7 +275,8 @@ int fs_app::bk_set_mdat_size(FILE* out, unsigned data) {
 
 namespace {
 
-// One channel of bk_write_channels: bk_write's state for it, kept across the hour.
+// One channel of the many-channel single-pass writers: the one-channel writer's state
+// for it, kept across the item.
 struct sp_chan {
   int k, ch;
   FILE* out;
@@ -285,10 +286,10 @@ struct sp_chan {
   bool stopped = false;
 };
 
-// bk_write's handling of one frame of the channel: 0 go on, 1 the file ends before this
-// frame, -1 a video-loss frame.
-int sp_put(sp_chan& c, const bk_frame& fr, bool marker, scratch& pcmbuf, int& time, unsigned& width,
-           unsigned& height, unsigned& fps) {
+// The one-channel writer's handling of one frame of the channel: 0 go on, 1 the file
+// ends before this frame, -1 a video-loss frame.
+int sp_put(const single_pass_form& form, sp_chan& c, const bk_frame& fr, bool marker,
+           scratch& pcmbuf, int& time, unsigned& width, unsigned& height, unsigned& fps) {
   uint32_t type = fr.f.type;
   bool key = frame_is_key(type);
   if (c.mp4 == nullptr) {
@@ -302,11 +303,14 @@ int sp_put(sp_chan& c, const bk_frame& fr, bool marker, scratch& pcmbuf, int& ti
     height = fr.f.height;
     fps = fr.f.fps;
     start_file(c.fs, fr.f);
-  } else if (single_pass_ends(c.mp4, c.fs, fr.f, marker, true)) {
+    if (form.line_opened != 0)
+      fs_log(form.fn, form.line_opened, "fps=%d, width=%d, height=%d, time=%d\n",
+             static_cast<int>(fps), static_cast<int>(width), static_cast<int>(height), time);
+  } else if (single_pass_ends(c.mp4, c.fs, fr.f, marker, form.fps_rule)) {
     return 1;
   }
   if (type == FRAME_AUDIO) {
-    if (c.waiting) return 0;
+    if (!form.audio || c.waiting) return 0;
     if (fr.f.fps == kAudioPcm) {
       if (c.mp4->add(FRAME_AUDIO, fr.data, fr.len) > 0)
         c.mp4->w_data(FRAME_AUDIO, c.out, fr.data, fr.len);
@@ -321,7 +325,7 @@ int sp_put(sp_chan& c, const bk_frame& fr, bool marker, scratch& pcmbuf, int& ti
   if (c.waiting && !key) return 0;
   int n = c.mp4->add(static_cast<int>(type), fr.data, fr.len);
   if (n == 0) {
-    fs_log("bk_write", 3490, "VLOSS video!\n");
+    fs_log(form.fn, form.line_vloss, "VLOSS video!\n");
     return -1;
   }
   if (n < 0) {
@@ -333,56 +337,47 @@ int sp_put(sp_chan& c, const bk_frame& fr, bool marker, scratch& pcmbuf, int& ti
   return 0;
 }
 
-}  // namespace
+using done_fn = FILE* (*)(void* ctx, int k, FILE* out, unsigned pos, unsigned size, bool more);
 
-int fs_app::bk_write_channels(int item, int n, const int* chs, FILE** outs, int* times,
-                              unsigned* widths, unsigned* heights, unsigned* fpss, int* results,
-                              FILE* (*done)(void* ctx, int k, FILE* out, unsigned pos,
-                                            unsigned size, bool more),
-                              void* ctx) {
-  if (item < 0 || item >= bk_state.num || n < 1 || done == nullptr) return 0;
-  bk_item_t& it = bk_state.items[item];
-  bk_reader r(this, &it, -1, false, "bk_write");
-  std::vector<sp_chan> chans;
-  for (int k = 0; k < n; k++) {
-    sp_chan c;
-    c.k = k;
-    c.ch = chs[k];
-    c.out = outs[k];
-    c.stopped = c.out == nullptr;
-    chans.push_back(c);
-    times[k] = 0;
-    results[k] = 0;
+// Finishes channel c's file as bk_close (or bk_multi_m4v_close) does and hands it to the
+// caller; with `more` the caller's next file takes its place.
+void sp_finish(sp_chan& c, bool more, done_fn done, void* ctx) {
+  unsigned pos = 0, size = 0;
+  if (c.mp4 != nullptr) {
+    c.mp4->w_box_moov(c.out);
+    c.mp4->g_box(pos, size);
+    delete c.mp4;
+    c.mp4 = nullptr;
   }
+  FILE* next = done(ctx, c.k, c.out, pos, size, more);
+  c.out = more ? next : nullptr;
+  c.stopped = c.out == nullptr;
+  c.fs = file_state();
+  c.waiting = true;
+}
+
+// One walk of item `it` feeding every live channel of chans. Where the one-channel writer
+// would return 1, the file is finished and the new one starts over at the first frame of
+// the same block, as the writer's next call resumes there, up to this frame. Each entry
+// counts once per channel in st.done; a cancel ends the walk between entries.
+template <class State>
+void sp_walk(fs_app* app, State& st, void (fs_app::*sem)(int, int), const single_pass_form& form,
+             bk_reader& r, bk_item_t& it, std::vector<sp_chan>& chans, int* times, unsigned* widths,
+             unsigned* heights, unsigned* fpss, int* results, done_fn done, void* ctx) {
+  int n = static_cast<int>(chans.size());
   bool marker = same_file_marker();
   scratch pcmbuf;
-  // Finishes channel c's file as bk_close does and hands it to the caller.
-  auto finish = [&](sp_chan& c, bool more) {
-    unsigned pos = 0, size = 0;
-    if (c.mp4 != nullptr) {
-      c.mp4->w_box_moov(c.out);
-      c.mp4->g_box(pos, size);
-      delete c.mp4;
-      c.mp4 = nullptr;
-    }
-    FILE* next = done(ctx, c.k, c.out, pos, size, more);
-    c.out = more ? next : nullptr;
-    c.stopped = c.out == nullptr;
-    c.fs = file_state();
-    c.waiting = true;
-  };
-  // One frame for channel c; at a file end the new file starts over at the first frame
-  // of the same block, as bk_write's next call resumes there, up to this frame.
   auto put = [&](sp_chan& c, const bk_frame& fr) {
-    int st = sp_put(c, fr, marker, pcmbuf, times[c.k], widths[c.k], heights[c.k], fpss[c.k]);
-    for (int again = 0; st == 1 && again < 4; again++) {
-      finish(c, true);
+    int k = c.k;
+    int s = sp_put(form, c, fr, marker, pcmbuf, times[k], widths[k], heights[k], fpss[k]);
+    for (int again = 0; s == 1 && again < 4; again++) {
+      sp_finish(c, true, done, ctx);
       if (c.stopped) return;
-      st = 0;
+      s = 0;
       const char* end_of_data = reinterpret_cast<const char*>(r.data) + r.h.size;
       bk_frames(r.h, r.data, [&](frame_head_t& f, const char* data) {
         int cc = -1;
-        if (bk_check(&f, cc) < 0) return false;
+        if (app->bk_check(&f, cc) < 0) return false;
         if (cc != c.ch) return true;
         bk_frame g;
         g.f = f;
@@ -390,17 +385,17 @@ int fs_app::bk_write_channels(int item, int n, const int* chs, FILE** outs, int*
         uint32_t room = static_cast<uint32_t>(end_of_data - data);
         g.len = f.size < room ? f.size : room;
         g.block_time = bk_block_time(r.h);
-        st = sp_put(c, g, marker, pcmbuf, times[c.k], widths[c.k], heights[c.k], fpss[c.k]);
-        return st == 0 && data != fr.data;
+        s = sp_put(form, c, g, marker, pcmbuf, times[k], widths[k], heights[k], fpss[k]);
+        return s == 0 && data != fr.data;
       });
     }
-    if (st == 1) c.stopped = true;  // a block that ends its own file again and again
-    if (st == -1) {
-      results[c.k] = -1;
+    if (s == 1) c.stopped = true;  // a block that ends its own file again and again
+    if (s == -1) {
+      results[k] = -1;
       c.stopped = true;
     }
   };
-  bk_state.done += n;
+  st.done += n;
   for (int k = it.e.idx; r.load(k); k++) {
     if (!pb::is_min(r.e)) continue;
     if (k == it.e.idx) r.off = static_cast<int>(it.off);
@@ -416,10 +411,81 @@ int fs_app::bk_write_channels(int item, int n, const int* chs, FILE** outs, int*
           if (p->ch == c && !p->stopped) put(*p, fr);
         return kGoOn;
       });
-    bk_state.done += n;
-    bk_sem(bk_percent(bk_state.done, bk_state.total), 0);
+    st.done += n;
+    (app->*sem)(bk_percent(st.done, st.total), 0);
   }
+}
+
+}  // namespace
+
+int fs_app::bk_write_channels(int item, int n, const int* chs, FILE** outs, int* times,
+                              unsigned* widths, unsigned* heights, unsigned* fpss, int* results,
+                              FILE* (*done)(void* ctx, int k, FILE* out, unsigned pos,
+                                            unsigned size, bool more),
+                              void* ctx) {
+  static const single_pass_form form = {"bk_write", 3420, 3432, 3447, 3490, 0, false, true, true};
+  if (item < 0 || item >= bk_state.num || n < 1 || done == nullptr) return 0;
+  bk_item_t& it = bk_state.items[item];
+  bk_reader r(this, &it, -1, false, "bk_write");
+  std::vector<sp_chan> chans;
+  for (int k = 0; k < n; k++) {
+    sp_chan c;
+    c.k = k;
+    c.ch = chs[k];
+    c.out = outs[k];
+    c.stopped = c.out == nullptr;
+    chans.push_back(c);
+    times[k] = 0;
+    results[k] = 0;
+  }
+  sp_walk(this, bk_state, &fs_app::bk_sem, form, r, it, chans, times, widths, heights, fpss,
+          results, done, ctx);
   for (sp_chan& c : chans)
-    if (c.out != nullptr) finish(c, false);
+    if (c.out != nullptr) sp_finish(c, false, done, ctx);
+  return 0;
+}
+
+int fs_app::bk_multi_m4v_write_channels(
+    int item, int n, const int* chs, FILE** outs, fs_mp4** writers, int* times, unsigned* widths,
+    unsigned* heights, unsigned* fpss, int* results,
+    FILE* (*done)(void* ctx, int k, FILE* out, unsigned pos, unsigned size, bool more), void* ctx) {
+  static const single_pass_form form = {
+      "bk_multi_m4v_write", 3550, 3563, 3577, 3618, 3594, true, false, false};
+  if (n < 1 || done == nullptr) return 0;
+  std::vector<sp_chan> chans;
+  for (int k = 0; k < n; k++) {
+    sp_chan c;
+    c.k = k;
+    c.ch = chs[k];
+    c.out = outs[k];
+    c.mp4 = writers[k];
+    c.stopped = c.out == nullptr;
+    // A writer left open by an earlier item runs on with the picture it began with.
+    if (c.mp4 != nullptr) {
+      c.fs.width = widths[k];
+      c.fs.height = heights[k];
+      c.fs.first_fps = c.fs.cur_fps = fpss[k];
+      c.waiting = false;
+    }
+    chans.push_back(c);
+    results[k] = 0;
+  }
+  if (item < 0 || item >= bk_multi_state.num) {
+    // Past the selection: every open file is finished.
+    for (sp_chan& c : chans)
+      if (c.out != nullptr) sp_finish(c, false, done, ctx);
+  } else {
+    bk_item_t& it = bk_multi_state.items[item];
+    fs_log(form.fn, form.line_item, "%.2d: %.32s\n", item, it.e.name);
+    bk_reader r(this, &it, -1, false, form.fn);
+    r.multi = true;
+    r.slot = slot_of(bk_multi_state, it, chs[0]);
+    sp_walk(this, bk_multi_state, &fs_app::bk_multi_sem, form, r, it, chans, times, widths, heights,
+            fpss, results, done, ctx);
+  }
+  for (int k = 0; k < n; k++) {
+    outs[k] = chans[k].out;
+    writers[k] = chans[k].mp4;
+  }
   return 0;
 }

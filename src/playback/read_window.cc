@@ -112,14 +112,10 @@ const unsigned char* rw_block(fs_read_window& w, fs_db* db, const entry_t& e, in
   long long end = off + static_cast<long long>(BLOCK_OVERHEAD) + h.size;
   if (end > size) return nullptr;
   if (end > w.at + w.len) {
-    // Larger than the stretch read: the rest comes in a second read, after what is held
-    // of the block (what lies before it, served already, is let go).
-    if (first > w.at) {
-      int held = static_cast<int>(w.at + w.len - first);
-      memmove(w.buf, w.ptr(first), static_cast<size_t>(held));
-      w.at = first;
-      w.len = held;
-    }
+    // Larger than the stretch read: the rest comes in a second read, after what is held.
+    // What lies before the block stays where it is: moving the held part of a block of
+    // a few mebibytes down costs as much as copying it out again, so the window grows
+    // instead, to at most a stretch and the largest block.
     long long have = w.at + w.len;
     if (!grow(w, end - w.at)) return nullptr;
     long long region = e.offset;

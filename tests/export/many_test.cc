@@ -188,6 +188,48 @@ TEST_F(Many, SinglePassForAllChannelsGivesTheFilesOfBkWrite) {
   EXPECT_LT(reads, static_cast<long long>(w.size()) / 4);
 }
 
+TEST_F(Many, MultiSlotSinglePassForAllChannelsGivesTheFilesOfBkMultiM4vWrite) {
+  kit::StderrCapture quiet;
+  std::vector<std::vector<std::string>> want(4);
+  for (int ch = 0; ch < 4; ch++)
+    for (const xk::out_file& o : xk::multi_pass(*app, out.path(), beg, end, ch, false))
+      want[ch].push_back(slurp(o.path));
+  files_of o;
+  o.dir = out.path();
+  o.got.resize(4);
+  int b = beg, e = end, m = 0xF;
+  int items = app->bk_multi_set(&b, &e, &m, 1);
+  ASSERT_EQ(3, items);
+  int chs[4] = {0, 1, 2, 3}, times[4] = {}, results[4];
+  unsigned ws[4] = {}, hs[4] = {}, fps[4] = {};
+  FILE* outs[4];
+  fs_mp4* writers[4] = {};
+  for (int k = 0; k < 4; k++)
+    outs[k] = fopen((o.dir + "/m" + std::to_string(o.opened++)).c_str(), "w+b");
+  long long reads;
+  {
+    Counting c;
+    for (int item = 0; item <= items; item++) {  // the last call finishes the files
+      EXPECT_EQ(0, app->bk_multi_m4v_write_channels(item < items ? item : -1, 4, chs, outs, writers,
+                                                    times, ws, hs, fps, results, next_file, &o));
+      for (int k = 0; k < 4; k++) EXPECT_EQ(0, results[k]);
+    }
+    reads = g_reads;
+  }
+  for (int k = 0; k < 4; k++) {
+    EXPECT_EQ(nullptr, outs[k]);
+    EXPECT_EQ(nullptr, writers[k]);
+  }
+  free(app->bk_multi_state.items);
+  memset(&app->bk_multi_state, 0, sizeof app->bk_multi_state);
+  for (int ch = 0; ch < 4; ch++) {
+    ASSERT_EQ(want[ch].size(), o.got[ch].size()) << ch;
+    ASSERT_EQ(1u, want[ch].size());  // one file across the hours and the disks
+    for (size_t i = 0; i < want[ch].size(); i++) EXPECT_TRUE(want[ch][i] == o.got[ch][i]) << ch;
+  }
+  EXPECT_LT(reads, static_cast<long long>(w.size()) / 4);
+}
+
 TEST_F(Many, BkReadReadsEachStoredByteOnceInStretchesOfAMebibyte) {
   // The last closed minute on sdb, as the second parser reads it.
   std::vector<rec::hour_view> v = rec::read_volume("/dev/sdb");
