@@ -26,19 +26,6 @@ namespace tool {
 
 namespace {
 
-// Runs fn with the disk table narrowed to row i. The minute list says nothing of the
-// disk a minute came from, so a per-disk listing asks the library one disk at a time.
-template <typename F>
-void on_disk(fs_app& app, int i, F fn) {
-  db_info_t saved = app.db_info[0];
-  int cnt = app.db_cnt;
-  app.db_info[0] = app.db_info[i];
-  app.db_cnt = 1;
-  fn();
-  app.db_info[0] = saved;
-  app.db_cnt = cnt;
-}
-
 // ---- search ---------------------------------------------------------------------------
 
 struct span {

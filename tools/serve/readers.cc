@@ -63,19 +63,6 @@ std::string utc(long long t) {
   return s + "Z";
 }
 
-// Runs fn with the disk table narrowed to row i: the minute list does not say which
-// disk a minute came from.
-template <typename F>
-void on_disk(fs_app& app, int i, F fn) {
-  db_info_t saved = app.db_info[0];
-  int cnt = app.db_cnt;
-  app.db_info[0] = app.db_info[i];
-  app.db_cnt = 1;
-  fn();
-  app.db_info[0] = saved;
-  app.db_cnt = cnt;
-}
-
 struct span {
   long long from, to, last_minute;
   int minutes;
@@ -131,7 +118,7 @@ reply api_disks(fs_app& app) {
   for (int d = 0; d < app.db_cnt; d++) {
     if (app.db_info[d].db == nullptr || app.db_info[d].db->q_key() == 0) continue;
     std::vector<span> sp;
-    on_disk(app, d, [&] {
+    tool::on_disk(app, d, [&] {
       int n = 0;
       min_rec_t* m = app.q_min(0, 0, n);
       sp = spans_of(m, n, -1);
