@@ -19,6 +19,20 @@ struct bk_frame {
   int block_time;    // head word 3 + word 4 of its block
 };
 
+// The frame f whose bytes start at data inside the block h, whose data ends at end.
+// Word 9 is the length handed to the muxer; it cannot be more than the bytes that
+// follow the frame's head inside the block.
+inline bk_frame bk_frame_in(const head_t& h, const frame_head_t& f, const char* data,
+                            const char* end) {
+  bk_frame fr;
+  fr.f = f;
+  fr.data = data;
+  uint32_t room = static_cast<uint32_t>(end - data);
+  fr.len = f.size < room ? f.size : room;
+  fr.block_time = bk_block_time(h);
+  return fr;
+}
+
 // Where a writer reads: one selected hour, an entry of its minute table and the offset
 // of the next block in that entry.
 struct bk_reader {
@@ -76,14 +90,7 @@ int bk_walk_entry(bk_reader& r, Fn&& fn) {
       int c = -1;
       if ((r.lq ? r.app->bk_check_LQ(&f, c) : r.app->bk_check(&f, c)) < 0) return false;
       if (r.ch >= 0 ? c != r.ch : c < 0) return true;
-      bk_frame fr;
-      fr.f = f;
-      fr.data = data;
-      // Word 9 is the length handed to the muxer; it cannot be more than the bytes
-      // that follow the frame's head inside the block.
-      uint32_t room = static_cast<uint32_t>(end_of_data - data);
-      fr.len = f.size < room ? f.size : room;
-      fr.block_time = bk_block_time(r.h);
+      bk_frame fr = bk_frame_in(r.h, f, data, end_of_data);
       if (fn(fr) == kStop) stop = true;
       return !stop;
     });

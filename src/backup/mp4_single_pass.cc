@@ -379,12 +379,7 @@ void sp_walk(fs_app* app, State& st, void (fs_app::*sem)(int, int), const single
         int cc = -1;
         if (app->bk_check(&f, cc) < 0) return false;
         if (cc != c.ch) return true;
-        bk_frame g;
-        g.f = f;
-        g.data = data;
-        uint32_t room = static_cast<uint32_t>(end_of_data - data);
-        g.len = f.size < room ? f.size : room;
-        g.block_time = bk_block_time(r.h);
+        bk_frame g = bk_frame_in(r.h, f, data, end_of_data);
         s = sp_put(form, c, g, marker, pcmbuf, times[k], widths[k], heights[k], fpss[k]);
         return s == 0 && data != fr.data;
       });
