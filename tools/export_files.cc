@@ -25,13 +25,19 @@ long long size_of(const std::string& p) {
 }
 
 int say(export_job& j, const std::string& msg) {
-  j.prog->line(j.out, "ringrec: " + msg);
+  j.said = msg;
+  if (j.prog)
+    j.prog->line(j.out, "ringrec: " + msg);
+  else if (j.out)
+    fprintf(j.out, "ringrec: %s\n", msg.c_str());
   return 1;
 }
 
 void wrote(export_job& j, const std::string& path, long long bytes) {
   j.written.push_back({path, bytes});
-  if (!j.json) j.prog->line(stdout, "wrote " + path + " (" + std::to_string(bytes) + " bytes)");
+  if (j.on_file) j.on_file(path);
+  if (!j.json && j.prog)
+    j.prog->line(stdout, "wrote " + path + " (" + std::to_string(bytes) + " bytes)");
 }
 
 // A file of that name is there already and may not be replaced: said, and true.
@@ -84,7 +90,7 @@ int irf_export(export_job& j) {
   if (!irf_header(&made)) return say(j, "cannot prepare the IRF header in /tmp");
   int items = j.app->bk_set(j.beg, j.end, j.mask);
   int rc = 0;
-  for (int item = 0; item < items && !cancelled(); item++) {
+  for (int item = 0; item < items && !j.cancelled(); item++) {
     std::string name = stamp(std::max(j.beg, j.app->bk_state.items[item].e.time), "irf");
     std::string path = j.dir + "/" + name;
     if (taken(j, path)) {
@@ -108,10 +114,10 @@ int irf_export(export_job& j) {
     }
     wrote(j, path, size_of(path));
     j.files++;
-    if (cancelled()) j.cut = name;
+    if (j.cancelled()) j.cut = name;
   }
   if (!made.empty()) remove(made.c_str());
-  if (rc == 0 && j.files == 0 && !cancelled())
+  if (rc == 0 && j.files == 0 && !j.cancelled())
     return say(j, "nothing recorded on those channels between --from and --to");
   return rc;
 }
@@ -119,7 +125,7 @@ int irf_export(export_job& j) {
 int oem_export(export_job& j) {
   int items = j.app->bk_set(j.beg, j.end, j.mask);
   std::string tmp = j.dir + "/.export.part";
-  for (int item = 0; item < items && !cancelled(); item++) {
+  for (int item = 0; item < items && !j.cancelled(); item++) {
     for (;;) {
       FILE* f = fopen(tmp.c_str(), "wb");
       if (!f) return say(j, "cannot create " + tmp + ": " + strerror(errno));
@@ -144,7 +150,7 @@ int oem_export(export_job& j) {
       if (r != 1) break;
     }
   }
-  if (j.files == 0 && !cancelled())
+  if (j.files == 0 && !j.cancelled())
     return say(j, "nothing recorded on those channels between --from and --to");
   return 0;
 }

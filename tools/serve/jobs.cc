@@ -16,6 +16,7 @@
 
 #include <thread>
 
+#include "../export_job.h"
 #include "serve.h"
 
 namespace serve {
@@ -62,107 +63,27 @@ void add_file(int id, const std::string& name) {
   g_jobs[id].files.push_back(name);
 }
 
-bool closed_ok(FILE* f) {
-  bool bad = fflush(f) != 0 || ferror(f) != 0;
-  return fclose(f) == 0 && !bad;
-}
-
-std::string stamp(int time, const char* ext) {
-  time_t t = time;
-  struct tm tm;
-  gmtime_r(&t, &tm);
-  char b[64];
-  snprintf(b, sizeof b, "%04d%02d%02d_%02dh%02dm%02ds.%s", tm.tm_year + 1900, tm.tm_mon + 1,
-           tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, ext);
-  return b;
-}
-
-// The two-phase MP4 export: a plan, then each planned file front to back.
-std::string run_mp4(fs_app& app, const job& j, const std::string& dir) {
-  std::vector<char> plan(1 << 20, '\0');
-  int mask = 0;
-  for (int ch : j.s.chans) mask |= 1 << ch;
-  int n = j.s.sub ? app.bk_phase_one_substream(dir.c_str(), j.s.beg, j.s.end, mask, plan.data())
-                  : app.bk_phase_one(dir.c_str(), j.s.beg, j.s.end, mask, plan.data());
-  if (n <= 0) return "nothing recorded on those channels in the range";
-  for (const char* p = plan.data(); *p && !cancelled(j.id);) {
-    const char* nl = strchr(p, '\n');
-    std::string line(p, nl ? static_cast<size_t>(nl - p) : strlen(p));
-    p = nl ? nl + 1 : p + line.size();
-    char name[128];
-    int ch, size, item, entry, off, t;
-    if (sscanf(line.c_str(), "%127s %d %d %d %d %d %d", name, &ch, &size, &item, &entry, &off,
-               &t) != 7 ||
-        strchr(name, '/') != nullptr)
-      continue;
-    std::string path = dir + "/" + name;
-    FILE* f = fopen(path.c_str(), "wb");
-    if (!f) return "cannot create " + path + ": " + strerror(errno);
-    int r = j.s.sub ? app.bk_phase_two_substream(f, name, ch, size, item, entry, off)
-                    : app.bk_phase_two(f, name, ch, size, item, entry, off);
-    bool ok = closed_ok(f);
-    // A planned file is only valid whole: its mdat size was written first.
-    if (!ok || r <= 0) {
-      remove(path.c_str());
-      if (cancelled(j.id)) break;
-      return ok ? std::string(name) + ": the recording ended before the planned bytes"
-                : "writing " + path + " failed (is the disk full?)";
-    }
-    add_file(j.id, name);
-  }
-  return "";
-}
-
-// IRF: a file per selected hour with every chosen channel; OEM: a file per minute.
-std::string run_irf_oem(fs_app& app, const job& j, const std::string& dir) {
-  int mask = 0;
-  for (int ch : j.s.chans) mask |= 1 << ch;
-  bool irf = j.s.format == "irf";
-  std::string made;
-  if (irf) {
-    // The application prepares the IRF file header: "TOLVEX", zeros to 4096 bytes.
-    std::string hp = board_path(IRF_HEADER_FILE);
-    if (access(hp.c_str(), R_OK) != 0) {
-      FILE* f = fopen(hp.c_str(), "wb");
-      if (!f) return "cannot prepare the IRF header on the board";
-      std::vector<char> h(4096, 0);
-      memcpy(h.data(), "TOLVEX", 6);
-      fwrite(h.data(), 1, h.size(), f);
-      fclose(f);
-      made = hp;
-    }
-  }
-  int items = app.bk_set(j.s.beg, j.s.end, mask);
-  std::string tmp = dir + "/.part", err;
-  for (int item = 0; item < items && err.empty() && !cancelled(j.id); item++) {
-    for (int more = 1; more == 1 && !cancelled(j.id);) {
-      FILE* f = fopen(tmp.c_str(), "wb");
-      if (!f) {
-        err = "cannot create " + tmp;
-        break;
-      }
-      int t = 0, started = 0;
-      more = irf ? (app.bk_irf_write(f, item, mask, started), 0)
-                 : app.bk_kesto_write(f, item, mask, t);
-      if (irf && started) t = std::max(j.s.beg, app.bk_state.items[item].e.time);
-      struct stat st;
-      if (!closed_ok(f)) err = "writing into " + dir + " failed (is the disk full?)";
-      if (!err.empty() || t == 0 || stat(tmp.c_str(), &st) != 0 || st.st_size == 0) {
-        remove(tmp.c_str());
-        continue;
-      }
-      std::string name = stamp(t, irf ? "irf" : "oem");
-      for (int k = 1; access((dir + "/" + name).c_str(), F_OK) == 0; k++)
-        name = stamp(t, "") + std::to_string(k) + (irf ? ".irf" : ".oem");
-      if (rename(tmp.c_str(), (dir + "/" + name).c_str()) == 0) add_file(j.id, name);
-    }
-  }
-  if (!made.empty()) remove(made.c_str());
-  if (err.empty() && !cancelled(j.id)) {
-    std::lock_guard<std::mutex> g(g_m);
-    if (g_jobs[j.id].files.empty()) err = "nothing recorded on those channels in the range";
-  }
-  return err;
+// The job runs the tool's own export (the same writers as `ringrec export`): its
+// messages are kept, not printed; its files are listed as each one is finished.
+std::string run(fs_app& app, const job& k, const std::string& dir) {
+  tool::export_job j;
+  j.app = &app;
+  j.dir = dir;
+  j.beg = k.s.beg;
+  j.end = k.s.end;
+  j.chans = k.s.chans;
+  j.mask = 0;
+  for (int ch : j.chans) j.mask |= 1 << ch;
+  j.sub = k.s.sub;
+  j.audio = j.single = false;
+  j.format = k.s.format;
+  j.json = true;
+  // The job's directory is its own: whatever stands there is the job's to write into.
+  j.force = true;
+  int id = k.id;
+  j.on_file = [id, &dir](const std::string& path) { add_file(id, path.substr(dir.size() + 1)); };
+  j.stop = [id] { return cancelled(id); };
+  return tool::export_run(j) != 0 ? j.said : std::string();
 }
 
 void worker() {
@@ -193,11 +114,9 @@ void worker() {
       semctl(g_sem, 0, SETVAL, a);
       semctl(g_sem, 1, SETVAL, a);
     }
-    std::string err = j.s.format == "mp4" ? run_mp4(app, j, dir) : run_irf_oem(app, j, dir);
+    std::string err = run(app, j, dir);
     // A cancel that comes after this look finds the work complete: the job is done.
     bool cut = cancelled(j.id);
-    // Completion is posted only for a run that completed.
-    if (err.empty() && !cut) app.bk_over();
     app.bk_clr();
     std::lock_guard<std::mutex> g(g_m);
     job& k = g_jobs[j.id];
