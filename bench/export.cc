@@ -27,35 +27,18 @@
 #include <string>
 #include <vector>
 
+#include "bench_kit.h"
 #include "sim/board.h"
 #include "sim/capture.h"
 
 namespace {
 
-double now_s() {
-  struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
-long long g_preads = 0, g_pread_bytes = 0;
-long long (*g_real_pread)(int, void*, int, long long) = nullptr;
-long long counting_pread(int fd, void* buf, int n, long long off) {
-  g_preads++;
-  g_pread_bytes += n;
-  return g_real_pread(fd, buf, n, off);
-}
-
-struct stat_t {
-  std::vector<double> v;
-  double median() const {
-    std::vector<double> s = v;
-    std::sort(s.begin(), s.end());
-    return s[s.size() / 2];
-  }
-  double lo() const { return *std::min_element(v.begin(), v.end()); }
-  double hi() const { return *std::max_element(v.begin(), v.end()); }
-};
+using bench::counting_pread;
+using bench::now_s;
+using bench::stat_t;
+long long& g_preads = bench::counts().reads;
+long long& g_pread_bytes = bench::counts().bytes;
+long long (*&g_real_pread)(int, void*, int, long long) = bench::counts().real;
 
 const int kStart = 1709287200;  // 2024-03-01 10:00:00 UTC
 

@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_kit.h"
 #include "sim/board.h"
 #include "sim/capture.h"
 
@@ -34,29 +35,13 @@ const int kStart = 1699920000;  // 2023-11-14 00:00:00 UTC
 const int kEnd = kStart + kDays * 86400;
 const char kShape[] = "7 days, 2 disks of 24 GiB, 2 channels, 2 fps, 8 kbit/s, 1 block/s, v1";
 
-double now_s() {
-  struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
-// Exact counts of the library's positioned reads.
-long long g_reads = 0, g_bytes = 0;
-long long (*g_pread)(int, void*, int, long long);
-long long counting_pread(int fd, void* b, int n, long long off) {
-  g_reads++;
-  g_bytes += n;
-  return g_pread(fd, b, n, off);
-}
-
-// While the recording is built, the monotonic clock follows capture time: the write
-// path sizes region growth by how quickly growths follow each other.
-long long g_mono_ms = 0;
-int sim_clock(clockid_t, struct timespec* ts) {
-  ts->tv_sec = static_cast<time_t>(g_mono_ms / 1000);
-  ts->tv_nsec = static_cast<long>(g_mono_ms % 1000) * 1000000L;
-  return 0;
-}
+using bench::counting_pread;
+using bench::now_s;
+using bench::sim_clock;
+long long& g_reads = bench::counts().reads;
+long long& g_bytes = bench::counts().bytes;
+long long (*&g_pread)(int, void*, int, long long) = bench::counts().real;
+long long& g_mono_ms = bench::sim_mono_ms();
 
 bool build(const std::string& dir) {
   std::string err;
@@ -124,13 +109,8 @@ bool built(const std::string& dir) {
   return same;
 }
 
-struct stat_t {
-  double med, lo, hi;
-};
-stat_t summary(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return {v[v.size() / 2], v.front(), v.back()};
-}
+typedef bench::spread stat_t;
+using bench::summary;
 
 // One stored block as the cursor met it: where its bytes lie on which device.
 struct span {

@@ -37,6 +37,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_kit.h"
 #include "sim/board.h"
 #include "sim/capture.h"
 
@@ -45,11 +46,7 @@ namespace {
 const long long kDisk = 4LL << 30;
 const int kStart = 1700000000 - 1700000000 % 3600 + 3600 - 20;  // 20 s before an hour
 
-double now_s() {
-  struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
+using bench::now_s;
 
 void restamp(std::string& b, int t) {
   head_t h;

@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_kit.h"
 #include "sim/board.h"
 #include "sim/capture.h"
 
@@ -34,26 +35,13 @@ const int kSeconds = 3600 + 60;
 const long long kDisk = (24LL << 30) + (12LL << 20);
 const char kShape[] = "24 GiB + 12 MiB, 16 channels, 61 min, 5 fps, 256+64 kbit/s, 200 ms, v1";
 
-double now_s() {
-  struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
-long long g_reads = 0, g_bytes = 0;
-long long (*g_pread)(int, void*, int, long long);
-long long counting_pread(int fd, void* b, int n, long long off) {
-  g_reads++;
-  g_bytes += n;
-  return g_pread(fd, b, n, off);
-}
-
-long long g_mono_ms = 0;
-int sim_clock(clockid_t, struct timespec* ts) {
-  ts->tv_sec = static_cast<time_t>(g_mono_ms / 1000);
-  ts->tv_nsec = static_cast<long>(g_mono_ms % 1000) * 1000000L;
-  return 0;
-}
+using bench::counting_pread;
+using bench::now_s;
+using bench::sim_clock;
+long long& g_reads = bench::counts().reads;
+long long& g_bytes = bench::counts().bytes;
+long long (*&g_pread)(int, void*, int, long long) = bench::counts().real;
+long long& g_mono_ms = bench::sim_mono_ms();
 
 bool build(const std::string& dir) {
   std::string err;
@@ -115,13 +103,8 @@ bool built(const std::string& dir) {
   return same;
 }
 
-struct stat_t {
-  double med, lo, hi;
-};
-stat_t summary(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return {v[v.size() / 2], v.front(), v.back()};
-}
+typedef bench::spread stat_t;
+using bench::summary;
 
 // The reference: 8 MiB preads front to back over [beg, end), touching every page.
 double pread_loop(const std::string& path, long long beg, long long end) {

@@ -28,17 +28,15 @@
 #include <thread>
 #include <vector>
 
+#include "bench_kit.h"
+
 namespace {
 
 const int kStart = 1699920000;  // bench_playback's recording: 7 days from here
 const int kEnd = kStart + 7 * 86400;
 const int kClients = 20, kPerClient = 50, kClips = 40, kLatency = 60;
 
-double now_s() {
-  struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
+using bench::now_s;
 
 // A port nothing listens on now: bound to port 0 and let go.
 int free_port() {
@@ -122,13 +120,8 @@ double throughput(int port, const std::vector<std::string>& paths, long long* fa
   return static_cast<double>(bytes) / (now_s() - t0) / 1e6;
 }
 
-struct stat_t {
-  double med, lo, hi;
-};
-stat_t summary(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return {v[v.size() / 2], v.front(), v.back()};
-}
+typedef bench::spread stat_t;
+using bench::summary;
 double pct(std::vector<double> v, double p) {
   std::sort(v.begin(), v.end());
   return v[std::min(v.size() - 1, static_cast<size_t>(p * static_cast<double>(v.size())))];
