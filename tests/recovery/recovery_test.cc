@@ -99,9 +99,9 @@ struct Recording {
   void record(int start, int secs) {
     sim::capture cap;
     // The placeholder units keep to the bit rate: small images, quick under emulation.
-    sim::capture_spec spec = rec::small_spec(2);
-    spec.codec = 265;
-    ASSERT_EQ(0, cap.open(spec, (rec::kHour0 + 0LL + start) * 1000, nullptr));
+    sim::capture_spec shape = rec::small_spec(2);
+    shape.codec = 265;
+    ASSERT_EQ(0, cap.open(shape, (rec::kHour0 + 0LL + start) * 1000, nullptr));
     kit::StderrCapture quiet;
     std::vector<rec::written> more = rec::record(app, cap, secs);
     w.insert(w.end(), more.begin(), more.end());
