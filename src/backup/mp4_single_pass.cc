@@ -286,6 +286,17 @@ struct sp_chan {
   bool stopped = false;
 };
 
+// Channel k of a call's arrays; a channel without a file is stopped from the start.
+sp_chan sp_chan_of(int k, const int* chs, FILE** outs, int* results) {
+  sp_chan c;
+  c.k = k;
+  c.ch = chs[k];
+  c.out = outs[k];
+  c.stopped = c.out == nullptr;
+  results[k] = 0;
+  return c;
+}
+
 // The one-channel writer's handling of one frame of the channel: 0 go on, 1 the file
 // ends before this frame, -1 a video-loss frame.
 int sp_put(const single_pass_form& form, sp_chan& c, const bk_frame& fr, bool marker,
@@ -424,14 +435,8 @@ int fs_app::bk_write_channels(int item, int n, const int* chs, FILE** outs, int*
   bk_reader r(this, &it, -1, false, "bk_write");
   std::vector<sp_chan> chans;
   for (int k = 0; k < n; k++) {
-    sp_chan c;
-    c.k = k;
-    c.ch = chs[k];
-    c.out = outs[k];
-    c.stopped = c.out == nullptr;
-    chans.push_back(c);
+    chans.push_back(sp_chan_of(k, chs, outs, results));
     times[k] = 0;
-    results[k] = 0;
   }
   sp_walk(this, bk_state, &fs_app::bk_sem, form, r, it, chans, times, widths, heights, fpss,
           results, done, ctx);
@@ -449,12 +454,8 @@ int fs_app::bk_multi_m4v_write_channels(
   if (n < 1 || done == nullptr) return 0;
   std::vector<sp_chan> chans;
   for (int k = 0; k < n; k++) {
-    sp_chan c;
-    c.k = k;
-    c.ch = chs[k];
-    c.out = outs[k];
+    sp_chan c = sp_chan_of(k, chs, outs, results);
     c.mp4 = writers[k];
-    c.stopped = c.out == nullptr;
     // A writer left open by an earlier item runs on with the picture it began with.
     if (c.mp4 != nullptr) {
       c.fs.width = widths[k];
@@ -463,7 +464,6 @@ int fs_app::bk_multi_m4v_write_channels(
       c.waiting = false;
     }
     chans.push_back(c);
-    results[k] = 0;
   }
   if (item < 0 || item >= bk_multi_state.num) {
     // Past the selection: every open file is finished.
